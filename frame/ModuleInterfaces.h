@@ -1,0 +1,214 @@
+// Interfaces that the module's objects implement. Slot order is binding.
+#pragma once
+
+#include "frame/HostInterfaces.h"
+
+ZELTRIM_INTERFACE(IObjectInfo, IUnknown)
+  // The integer is ignored; the text stays owned by the module.
+  virtual HRESULT GetName(int, tagREFString* name) = 0;
+ZELTRIM_INTERFACE_END
+
+// Save/Load options (bit masks).
+enum PersistOptions {
+  PERSIST_CSV_NAME_VALUE = 0x10000,
+  PERSIST_COMPACT = 0x800000,
+  PERSIST_REPLACE = 0x1000000,
+  PERSIST_LOAD_INTO_EXISTING = 0x2000000,
+};
+
+ZELTRIM_INTERFACE(IDataPersist, IUnknown)
+  // The stream is asked for IFolderStream and IXMLStream; the form found is written.
+  virtual HRESULT Save(IDataStream* stream, int options) = 0;
+  virtual HRESULT Load(IDataStream* stream, int options) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(IParametricObject, IUnknown)
+  virtual HRESULT GetParameters(INamedCollection** parameters, int options) = 0;
+  virtual HRESULT SetParameters(INamedCollection* parameters) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(IUIPropertyPageSpecify, IUnknown)
+  virtual HRESULT GetPages(int, INamedCollection** pages, IUnknown** object) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(IFileArchive, IUnknown)
+  virtual HRESULT get_Filename(IString** name) = 0;
+  virtual HRESULT put_Filename(IString* name) = 0;
+  virtual HRESULT get_Filter(IString** filter, short) = 0;
+  virtual HRESULT get_Name(IString** name) = 0;
+  virtual HRESULT Load() = 0;
+  virtual HRESULT Save() = 0;
+  virtual HRESULT Control(int code, int value) = 0;
+  virtual HRESULT Inquire(int code, int* value) = 0;
+  virtual HRESULT Unload() = 0;
+  virtual HRESULT SaveFolderStream() = 0;
+  virtual HRESULT LoadFolderStream() = 0;
+ZELTRIM_INTERFACE_END
+
+// Unit codes of a calibration: 1 micrometre, 2 millimetre, 3 metre, 4 kilometre,
+// 5 thousandth of an inch, 6 inch, 7 foot.
+ZELTRIM_INTERFACE(ICalibrationInfo, IUnknown)
+  virtual HRESULT get_CALIBDevice(IUnknown** device) = 0;
+  virtual HRESULT put_CALIBDevice(IUnknown* device) = 0;
+  virtual HRESULT get_CALIBName(IString** name) = 0;
+  virtual HRESULT put_CALIBName(IString* name) = 0;
+  virtual HRESULT get_CALIBType(IString** type) = 0;
+  virtual HRESULT put_CALIBType(IString* type) = 0;
+  virtual HRESULT get_CALIBUnits(int* units) = 0;
+  virtual HRESULT put_CALIBUnits(int units) = 0;
+  virtual HRESULT get_CALIBUnitsText(IString** text) = 0;
+  virtual HRESULT put_CALIBUnitsText(IString* text) = 0;
+  virtual HRESULT get_CALIBDescription(IString** text) = 0;
+  virtual HRESULT put_CALIBDescription(IString* text) = 0;
+  virtual HRESULT GetCalibrationTime(short* day, short* month, short* year, short* hour, short* minute) = 0;
+  virtual HRESULT SetCalibrationTime() = 0;
+  virtual HRESULT CALIBUnitsConvert(int from, double value, int to, double* result) = 0;
+  virtual HRESULT Save(IDataStream* stream, int options) = 0;
+  virtual HRESULT Load(IDataStream* stream, int options) = 0;
+ZELTRIM_INTERFACE_END
+
+// ---------------------------------------------------------------- transforms
+
+ZELTRIM_INTERFACE(IHomogeneousTransform, ITransform)
+  // Borrowed pointer to the live matrix (row-major; points are row vectors).
+  virtual HRESULT GetMatrix(double** matrix, int* rows, int* columns) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICamera3DTransform, ITransform)
+  virtual HRESULT SolveMatrix(double* matrix, double, double) = 0;
+  // The 3 x 4 camera matrix, held by columns, reported as 4 rows of 3.
+  virtual HRESULT GetMatrix(double** matrix, int* rows, int* columns) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICamera3DTrinsic, ICamera3DTransform)
+  virtual HRESULT GetMatrix(int id, double** matrix, int* rows, int* columns) = 0;
+  virtual HRESULT SetNormalizationImageSize(int width, int height) = 0;
+  virtual HRESULT GetNormalizationImageSize(int* width, int* height) = 0;
+  using ICamera3DTransform::GetMatrix;
+ZELTRIM_INTERFACE_END
+
+// ---------------------------------------------------------------- calibrations
+
+ZELTRIM_INTERFACE(ICalibration, IUnknown)
+  virtual HRESULT Convert(double* x, double* y, double* z) = 0;
+  // Undoes Convert.
+  virtual HRESULT Revert(double* x, double* y, double* z) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(IHomogeneousCalibration, ICalibration)
+  virtual HRESULT GetForwardTransform(ITransform** transform) = 0;
+  virtual HRESULT GetReverseTransform(ITransform** transform) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICalibrationBestFit, IHomogeneousCalibration)
+  virtual HRESULT BestFit(ISimpleCollection* source, ISimpleCollection* target, int method) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICalibrationDistortion, ICalibration)
+  virtual HRESULT Fit(ISimpleCollection* source, ISimpleCollection* target, int, int) = 0;
+  virtual HRESULT Reset() = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICalibrationPolynomial, ICalibrationDistortion)
+  virtual HRESULT get_Order(int* order) = 0;
+  virtual HRESULT put_Order(int order) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICalibrationDistortionRadial, ICalibrationDistortion)
+  virtual HRESULT StraightLinesNeedtoBeStraight(ISimpleCollection* lines, int) = 0;
+  virtual HRESULT SetNormalizationImageSize(unsigned int width, unsigned int height) = 0;
+  virtual HRESULT MaintainSize(ILinearCalibration** calibration) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICalibrationFisheye, ICalibration)
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICameraLinearCalibration, ICalibration)
+  virtual HRESULT SetOrigin(double x, double y, double z) = 0;
+  virtual HRESULT GetOrigin(double* x, double* y, double* z) = 0;
+  virtual HRESULT SetScale(double x, double y, double z) = 0;
+  virtual HRESULT GetScale(double* x, double* y, double* z) = 0;
+  virtual HRESULT SetRoll(double roll) = 0;
+  virtual HRESULT SetPitch(double pitch) = 0;
+  virtual HRESULT SetYaw(double yaw) = 0;
+  virtual HRESULT GetRoll(double* roll) = 0;
+  virtual HRESULT GetPitch(double* pitch) = 0;
+  virtual HRESULT GetYaw(double* yaw) = 0;
+  virtual HRESULT SetCameraOrigin(double x, double y) = 0;
+  virtual HRESULT GetCameraOrigin(double* x, double* y) = 0;
+  virtual HRESULT SetCameraRoll(double roll) = 0;
+  virtual HRESULT GetCameraRoll(double* roll) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICamera3DCalibrationPlane, ICalibration)
+  virtual HRESULT get_Plane(IUnknown** plane) = 0;
+  virtual HRESULT put_Plane(IUnknown* plane) = 0;
+  virtual HRESULT SetReverseTransform(ICamera3DTransform* camera) = 0;
+  virtual HRESULT GetReverseTransform(ITransform** camera) = 0;
+  virtual HRESULT BestFit(ISimpleCollection* source, ISimpleCollection* target, int method) = 0;
+  virtual HRESULT GetFitErrors(double* mean, double* largest, double* deviation) = 0;
+  virtual HRESULT UsePseudoInverse(short use) = 0;
+  virtual HRESULT IsUsingPseudoInverse() = 0;
+ZELTRIM_INTERFACE_END
+
+// ---------------------------------------------------------------- fitting
+
+ZELTRIM_INTERFACE(ITransformBestFit, IUnknown)
+  // Both collections hold IPoint items; the method's meaning is the class's own.
+  virtual HRESULT BestFit(ISimpleCollection* source, ISimpleCollection* target, int method) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ITransformFitErrors, IUnknown)
+  virtual HRESULT GetFitErrors(double* a, double* b, double* c) = 0;
+ZELTRIM_INTERFACE_END
+
+// One interface holds all fit-and-filter operations.
+ZELTRIM_INTERFACE(IFitAndFilter, IUnknown)
+  virtual HRESULT GetFitMethod(int* method, int* maxIterations, double* allowableError) = 0;
+  virtual HRESULT SetFitMethod(int method, int maxIterations, double allowableError) = 0;
+  virtual HRESULT SetMinNbPoints(int count) = 0;
+  virtual HRESULT BestFit(IUnknown* calibration, ISimpleCollection* source, ISimpleCollection* target,
+                          ISimpleCollection** keptSource, ISimpleCollection** keptTarget) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICalibrationFitAndFilter, IFitAndFilter)
+ZELTRIM_INTERFACE_END
+
+// ---------------------------------------------------------------- collections
+
+ZELTRIM_INTERFACE(ICalibrationsCollection, IParametersCreatable)
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ICamera3DCalibration, ICreatableSimpleCollection)
+  virtual HRESULT Convert(ISimpleCollection* imagePoints, IPoint** result) = 0;
+ZELTRIM_INTERFACE_END
+
+// ---------------------------------------------------------------- queries and views
+
+ZELTRIM_INTERFACE(ITransformInterrogate, IUnknown)
+  virtual HRESULT GetEulerAngles(IHomogeneousTransform* transform, short convention, double* a, double* b, double* c) = 0;
+  virtual HRESULT GetTranslation(IHomogeneousTransform* transform, double* x, double* y, double* z) = 0;
+  virtual HRESULT GetScale(IHomogeneousTransform* transform, double* x, double* y, double* z) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ITransformResidualErrors, IUnknown)
+  virtual HRESULT GetResidualErrorPoints(ITransform* transform, ISimpleCollection* source,
+                                         ISimpleCollection* target, ISimpleCollection** residuals) = 0;
+  virtual HRESULT GetResidualErrorVector(ITransform* transform, ISimpleCollection* source,
+                                         ISimpleCollection* target, IDblVector** residuals) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(ISingleViewGeometry, IUnknown)
+  virtual HRESULT CalcLine(ICamera3DTrinsic* camera, double, double, double, double, double, double,
+                           double, double, double*, double*, double*, double*, double*, double*) = 0;
+  virtual HRESULT Decompose(ICamera3DTransform* camera, ICamera3DTrinsic** intrinsics, IPoint** centre,
+                            ICalibration** first, ICalibration** second) = 0;
+ZELTRIM_INTERFACE_END
+
+ZELTRIM_INTERFACE(IMultiViewGeometry, IUnknown)
+  virtual HRESULT SetCalibrations(ISimpleCollection* calibrations) = 0;
+  virtual HRESULT CalcPose(int index) = 0;
+  virtual HRESULT GetMatrix(int index, double** matrix, int* rows, int* columns) = 0;
+  virtual HRESULT GetLocation(int a, int b, IUnknown** location) = 0;
+  virtual HRESULT CalibStereo(ISimpleCollection* first, ISimpleCollection* second) = 0;
+ZELTRIM_INTERFACE_END

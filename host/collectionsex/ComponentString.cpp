@@ -1,0 +1,100 @@
+#include "host/collectionsex/ComponentString.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "host/collectionsex/ComponentTable.h"
+#include "host/collectionsex/GlobalComponentCollection.h"
+#include "host/common/HostString.h"
+#include "host/common/PeerModule.h"
+
+ZELTRIM_PEER_OBJECT(L"ComponentString", CComponentString);
+
+const tagREFString CComponentString::m_ObjectName = {15, L"ComponentString"};
+
+HRESULT CComponentString::QueryInterface(const IID& iid, void** object) {
+  if (!object) return E_POINTER;
+  *object = nullptr;
+  if (QueryRoute(iid, IID_IUnknown, static_cast<IUnknown*>(static_cast<CObject<CComponentString>*>(this)), object) ||
+      QueryRoute(iid, IID_IComponentString, static_cast<IComponentString*>(this), object) ||
+      QueryRoute(iid, IID_IObjectInfo, static_cast<IObjectInfo*>(this), object))
+    return S_OK;
+  return E_NOINTERFACE;
+}
+
+HRESULT CComponentString::SetFromObject(IUnknown* object) {
+  if (!object) return E_POINTER;
+  SmartPtr<IObjectInfo> info = QueryAs<IObjectInfo>(object);
+  if (!info) return E_FAIL;
+  tagREFString name{0, nullptr};
+  if (info->GetName(0, &name) < 0 || name.m_Length <= 0 || !name.m_Text) return E_FAIL;
+  const std::wstring objectName(name.m_Text, static_cast<size_t>(name.m_Length));
+  m_Fields[COMPONENT_OBJECT] = objectName;
+  for (int i = 0; i < kComponentTableSize; ++i)
+    if (objectName == kComponentTable[i].object) m_Fields[COMPONENT_MODULE] = kComponentTable[i].module;
+  return S_OK;
+}
+
+HRESULT CComponentString::get_Field(int field, IString** out) {
+  if (!out) return E_POINTER;
+  auto it = m_Fields.find(field);
+  if (it == m_Fields.end()) {
+    *out = nullptr;
+    return E_FAIL;
+  }
+  *out = CHostString::Create(it->second);
+  return S_OK;
+}
+
+HRESULT CComponentString::put_Field(int field, int length, const wchar_t* text) {
+  m_Fields[field] = (text && length > 0) ? std::wstring(text, static_cast<size_t>(length)) : std::wstring();
+  return S_OK;
+}
+
+std::wstring CComponentString::Field(int field) const {
+  auto it = m_Fields.find(field);
+  return it == m_Fields.end() ? std::wstring() : it->second;
+}
+
+HRESULT CComponentString::CreateInstance(const IID& iid, void** object) {
+  if (!object) return E_POINTER;
+  *object = nullptr;
+  HostCreator creator = HostModuleCreator(Field(COMPONENT_MODULE), Field(COMPONENT_OBJECT));
+  if (!creator) return E_FAIL;
+  IID asked = iid;
+  return creator(nullptr, &asked, object);
+}
+
+HostCreator HostModuleCreator(const std::wstring& module, const std::wstring& object) {
+  if (module.empty() || object.empty()) return nullptr;
+  std::string path = "./_binlinux/";
+  std::string narrow(module.size() * MB_CUR_MAX + 1, '\0');
+  const size_t n = std::wcstombs(&narrow[0], module.c_str(), narrow.size() - 1);
+  if (n == static_cast<size_t>(-1)) return nullptr;
+  path.append(narrow.c_str(), n);
+  path += ".so";
+  void* handle = dlopen(path.c_str(), RTLD_NOW);
+  if (!handle) {
+    const char* error = dlerror();
+    std::printf("Module not available %s, error %s\n", path.c_str(), error ? error : "");
+    dlerror();
+    return nullptr;
+  }
+  typedef HRESULT (*CreateFn)(tagREFString, void**);
+  typedef HRESULT (*InitFn)(void*, IComponentCollection*);
+  auto create = reinterpret_cast<CreateFn>(dlsym(handle, "CreateFunction"));
+  auto initialize = reinterpret_cast<InitFn>(dlsym(handle, "InitializeModule"));
+  if (!create) return nullptr;
+  // Every module shares the one global collection.
+  if (initialize) {
+    IComponentCollection* global = CGlobalComponentCollection::Instance();
+    initialize(nullptr, global);
+    global->Release();
+  }
+  void* creator = nullptr;
+  const tagREFString name{static_cast<int32_t>(object.size()), object.c_str()};
+  if (create(name, &creator) < 0) return nullptr;
+  return reinterpret_cast<HostCreator>(creator);
+}

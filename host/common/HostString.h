@@ -1,0 +1,30 @@
+// The host's string object ("CreatableString"): owns a terminated wide text.
+#pragma once
+
+#include <string>
+
+#include "frame/Object.h"
+
+class CHostString : public CObject<CHostString>, public ICreatableString {
+ public:
+  ZELTRIM_OBJECT_REFCOUNT
+  HRESULT QueryInterface(const IID& iid, void** object) override;
+
+  HRESULT GetString(const wchar_t** text, int* length) override;
+  HRESULT SetString(int length, const wchar_t* text) override;
+  HRESULT Append(int length, const wchar_t* text) override;
+
+  // A new string with one reference.
+  static CHostString* Create(const wchar_t* text, int length = -1);
+  static CHostString* Create(const std::wstring& text) {
+    return Create(text.c_str(), static_cast<int>(text.size()));
+  }
+
+  const std::wstring& Value() const { return m_Text; }
+
+ private:
+  std::wstring m_Text;
+};
+
+// The text of any IString as a std::wstring (empty for null).
+std::wstring HostText(IString* text);

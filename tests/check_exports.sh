@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Fails when Zeltrim.so defines a dynamic symbol other than its entry points and the
+# minimiser evaluators.
+set -euo pipefail
+lib=$1
+symbols=$(nm -D --defined-only "$lib" | awk '{print $NF}')
+bad=$(printf '%s\n' "$symbols" | grep -v -E '^(CreateFunction|InitializeModule|[A-Za-z0-9]+_LevenbergMarquardt_Evaluate)$' || true)
+for required in CreateFunction InitializeModule; do
+  printf '%s\n' "$symbols" | grep -qx "$required" || { echo "missing export: $required"; exit 1; }
+done
+if [ -n "$bad" ]; then
+  echo "unexpected exports:"; printf '%s\n' "$bad"; exit 1
+fi
+echo "exports ok: $(printf '%s\n' "$symbols" | tr '\n' ' ')"
