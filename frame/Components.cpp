@@ -8,6 +8,8 @@
 
 #include "frame/Conversions.h"
 
+SmartPtr<IComponentCollection> gGlobalComponentCollection;
+
 namespace {
 
 tagREFString Ref(const wchar_t* text) { return RefOf(text); }

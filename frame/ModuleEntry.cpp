@@ -4,8 +4,6 @@
 
 #define ZELTRIM_EXPORT extern "C" __attribute__((visibility("default")))
 
-SmartPtr<IComponentCollection> gGlobalComponentCollection;
-
 namespace {
 
 struct CreatableObject {
