@@ -1,0 +1,109 @@
+// The module's entry points as a host sees them: creator lookup by name, the creation
+// protocol, and the global collection handed over by InitializeModule.
+#include "tests/module/ModuleFixture.h"
+
+namespace {
+
+void* const kUntouched = reinterpret_cast<void*>(0x1234);
+
+TEST(ModuleFactory, GivesACreatorForAnExactName) {
+  LoadedModule& m = LoadedModule::Get();
+  void* creator = nullptr;
+  EXPECT_EQ(m.createFunction(Ref(L"CameraLinearCalibration"), &creator), S_OK);
+  EXPECT_NE(creator, nullptr);
+}
+
+TEST(ModuleFactory, RefusesOtherCaseLengthOrEmptyNamesAndLeavesTheResultPlace) {
+  LoadedModule& m = LoadedModule::Get();
+  const wchar_t* const refused[] = {L"cameraLinearCalibration", L"CAMERALINEARCALIBRATION", L"CameraLinear",
+                                    L"CameraLinearCalibrationX", L"NoSuchObject", L""};
+  for (const wchar_t* name : refused) {
+    void* creator = kUntouched;
+    EXPECT_EQ(m.createFunction(Ref(name), &creator), E_FAIL) << "name " << name;
+    EXPECT_EQ(creator, kUntouched);
+  }
+  // The length decides, not a terminator: a longer text cut to the right length matches.
+  void* creator = kUntouched;
+  const tagREFString cut{23, L"CameraLinearCalibrationPlusMore"};
+  EXPECT_EQ(m.createFunction(cut, &creator), S_OK);
+  const tagREFString negative{-1, L"CameraLinearCalibration"};
+  creator = kUntouched;
+  EXPECT_EQ(m.createFunction(negative, &creator), E_FAIL);
+  EXPECT_EQ(creator, kUntouched);
+}
+
+TEST(ModuleFactory, RowsWithoutAClassInThisBuildAnswerLikeUnknownNames) {
+  LoadedModule& m = LoadedModule::Get();
+  const wchar_t* const table[] = {
+      L"CalibrationBestFit",      L"CalibrationDistortionRadial", L"CalibrationFitAndFilter",
+      L"CalibrationFisheye",      L"CalibrationInfoPropPage",     L"CalibrationMatrixPropPage",
+      L"CalibrationPolynomial",   L"CalibrationsCollection",      L"Camera3DCalibration",
+      L"Camera3DCalibrationPlane", L"Camera3DTransform",          L"Camera3DTrinsic",
+      L"CameraLinearCalibration", L"SingleViewGeometry",          L"MultiViewGeometry",
+      L"TransformBestFit",        L"TransformInterrogate",        L"TransformResidualErrors",
+  };
+  int provided = 0;
+  for (const wchar_t* name : table) {
+    void* creator = kUntouched;
+    const HRESULT hr = m.createFunction(Ref(name), &creator);
+    if (hr == S_OK) {
+      EXPECT_NE(creator, kUntouched);
+      ++provided;
+    } else {
+      EXPECT_EQ(hr, E_FAIL);
+      EXPECT_EQ(creator, kUntouched) << "name " << name;
+    }
+  }
+  EXPECT_GE(provided, 1);
+}
+
+TEST(ModuleFactory, CreatorRefusesAnInterfaceTheClassLacks) {
+  LoadedModule& m = LoadedModule::Get();
+  void* creator = nullptr;
+  ASSERT_EQ(m.createFunction(Ref(L"CameraLinearCalibration"), &creator), S_OK);
+  IID iid = IID_ITransformBestFit;
+  void* object = kUntouched;
+  EXPECT_EQ(reinterpret_cast<CreatorFn>(creator)(nullptr, &iid, &object), E_NOINTERFACE);
+  EXPECT_EQ(object, nullptr);
+}
+
+// A component collection that only counts its references.
+class CountingCollection : public IComponentCollection {
+ public:
+  int refs = 1;
+  HRESULT QueryInterface(const IID&, void** object) override {
+    *object = nullptr;
+    return E_NOINTERFACE;
+  }
+  int AddRef() override { return ++refs; }
+  int Release() override { return --refs; }
+  HRESULT get_Count(int*) override { return E_NOTIMPL; }
+  HRESULT get_Item(int, IUnknown**) override { return E_NOTIMPL; }
+  HRESULT get_Index(IString*, int*) override { return E_FAIL; }
+  HRESULT Register(int, const wchar_t*, int, const wchar_t*) override { return E_NOTIMPL; }
+  HRESULT Unregister(int, const wchar_t*) override { return E_NOTIMPL; }
+  HRESULT get_ModuleOf(int, const wchar_t*, IString**) override { return E_NOTIMPL; }
+  HRESULT Reserved_ICC3() override { return E_NOTIMPL; }
+  HRESULT Reserved_ICC4() override { return E_NOTIMPL; }
+  HRESULT Reserved_ICC5() override { return E_NOTIMPL; }
+  HRESULT Reserved_ICC6() override { return E_NOTIMPL; }
+  HRESULT Reserved_ICC7() override { return E_NOTIMPL; }
+  HRESULT Reserved_ICC8() override { return E_NOTIMPL; }
+  HRESULT Reserved_ICC9() override { return E_NOTIMPL; }
+  HRESULT CreateComponent(int, const wchar_t*, const IID*, void**) override { return E_FAIL; }
+};
+
+TEST(ModuleInitialize, HoldsOneReferenceAndSurvivesBeingHandedTheSameCollection) {
+  LoadedModule& m = LoadedModule::Get();
+  CountingCollection counting;
+  EXPECT_EQ(m.initializeModule(nullptr, &counting), 0);
+  EXPECT_EQ(counting.refs, 2);
+  // The new reference is taken before the old one is dropped: never down to zero.
+  EXPECT_EQ(m.initializeModule(nullptr, &counting), 0);
+  EXPECT_EQ(counting.refs, 2);
+  // Handing over another collection releases this one.
+  EXPECT_EQ(m.initializeModule(nullptr, m.components), 0);
+  EXPECT_EQ(counting.refs, 1);
+}
+
+}  // namespace

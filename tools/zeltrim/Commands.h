@@ -1,0 +1,23 @@
+// The sub-commands of the zeltrim command-line host. Each returns the exit status:
+// 0 success, 1 a failure of the module, 2 bad input or usage.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/zeltrim/ModuleHost.h"
+
+struct CommandContext {
+  ModuleHost* host;
+  std::vector<std::string> args;  // after the sub-command's name
+  std::string startDir;           // the folder the user started in
+};
+
+int RunObjects(CommandContext& context);
+int RunLinear(CommandContext& context);
+
+extern const char* const kObjectsHelp;
+extern const char* const kLinearHelp;
+
+// Prints "zeltrim: <message>" on standard error and returns `status`.
+int Fail(const std::string& message, int status = 2);

@@ -1,0 +1,90 @@
+#include "tools/zeltrim/ModuleHost.h"
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <cwchar>
+
+namespace {
+
+tagREFString Ref(const wchar_t* text) { return tagREFString{static_cast<int32_t>(std::wcslen(text)), text}; }
+
+void* OpenPeer(const char* path, std::string* error) {
+  void* handle = dlopen(path, RTLD_NOW);
+  if (!handle) {
+    const char* why = dlerror();
+    *error = std::string("cannot load ") + path + ": " + (why ? why : "unknown error");
+  }
+  return handle;
+}
+
+}  // namespace
+
+bool ModuleHost::Load(const std::string& installDir) {
+  if (chdir(installDir.c_str()) != 0) {
+    m_Error = "cannot enter the installation folder " + installDir;
+    return false;
+  }
+  void* collections = OpenPeer("./_binlinux/CollectionsEx.so", &m_Error);
+  if (!collections) return false;
+  auto peerCreate = reinterpret_cast<CreateFn>(dlsym(collections, "CreateFunction"));
+  void* creator = nullptr;
+  if (!peerCreate || peerCreate(Ref(L"GlobalComponentCollection"), &creator) < 0 || !creator) {
+    m_Error = "CollectionsEx.so has no GlobalComponentCollection";
+    return false;
+  }
+  IID iid = IID_IComponentCollection;
+  void* components = nullptr;
+  if (reinterpret_cast<CreatorFn>(creator)(nullptr, &iid, &components) < 0 || !components) {
+    m_Error = "cannot create the global component collection";
+    return false;
+  }
+  m_Components.Attach(static_cast<IComponentCollection*>(components));
+
+  void* module = OpenPeer("./_binlinux/Zeltrim.so", &m_Error);
+  if (!module) return false;
+  auto initialize = reinterpret_cast<InitFn>(dlsym(module, "InitializeModule"));
+  m_CreateFunction = reinterpret_cast<CreateFn>(dlsym(module, "CreateFunction"));
+  if (!initialize || !m_CreateFunction) {
+    m_Error = "Zeltrim.so lacks its entry points";
+    return false;
+  }
+  initialize(nullptr, m_Components.get());
+  return true;
+}
+
+bool ModuleHost::Provides(const wchar_t* name) {
+  void* creator = nullptr;
+  return m_CreateFunction && m_CreateFunction(Ref(name), &creator) == S_OK && creator;
+}
+
+bool ModuleHost::CreateRaw(const wchar_t* name, const IID& iid, void** object) {
+  *object = nullptr;
+  void* creator = nullptr;
+  if (!m_CreateFunction || m_CreateFunction(Ref(name), &creator) != S_OK || !creator) {
+    m_Error = "this build of Zeltrim.so does not provide the object";
+    return false;
+  }
+  IID asked = iid;
+  if (reinterpret_cast<CreatorFn>(creator)(nullptr, &asked, object) < 0 || !*object) {
+    m_Error = "the object could not be created";
+    return false;
+  }
+  return true;
+}
+
+std::string ExecutableFolder() {
+  char path[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
+  if (n <= 0) return ".";
+  path[n] = '\0';
+  std::string folder(path);
+  const size_t slash = folder.rfind('/');
+  return slash == std::string::npos ? "." : (slash == 0 ? "/" : folder.substr(0, slash));
+}
+
+std::string AbsolutePath(const std::string& path, const std::string& startDir) {
+  if (path.empty() || path == "-" || path[0] == '/') return path;
+  return startDir + "/" + path;
+}

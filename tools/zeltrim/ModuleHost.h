@@ -1,0 +1,42 @@
+// Loads Zeltrim.so the way a framework host does: the global component collection from
+// the "CollectionsEx" peer, then the module's InitializeModule and CreateFunction.
+#pragma once
+
+#include <string>
+
+#include "frame/Object.h"
+
+class ModuleHost {
+ public:
+  // Changes to `installDir` (the folder holding _binlinux/) and loads the module.
+  // On failure, Error() says why.
+  bool Load(const std::string& installDir);
+  const std::string& Error() const { return m_Error; }
+
+  // Creates a module object by name; null (and Error()) when the module lacks it.
+  template <class I>
+  SmartPtr<I> Create(const wchar_t* name) {
+    SmartPtr<I> result;
+    void* p = nullptr;
+    if (CreateRaw(name, I::Iid(), &p) && p) result.Attach(static_cast<I*>(p));
+    return result;
+  }
+  bool CreateRaw(const wchar_t* name, const IID& iid, void** object);
+  // Whether the module's factory knows the name (a creator is handed out).
+  bool Provides(const wchar_t* name);
+
+  IComponentCollection* Components() const { return m_Components.get(); }
+
+ private:
+  typedef HRESULT (*CreateFn)(tagREFString, void**);
+  typedef HRESULT (*InitFn)(void*, IComponentCollection*);
+  typedef HRESULT (*CreatorFn)(void*, IID*, void**);
+  CreateFn m_CreateFunction = nullptr;
+  SmartPtr<IComponentCollection> m_Components;
+  std::string m_Error;
+};
+
+// The folder that holds this executable (and _binlinux/ beside it).
+std::string ExecutableFolder();
+// An absolute form of a path given relative to the folder the user started in.
+std::string AbsolutePath(const std::string& path, const std::string& startDir);

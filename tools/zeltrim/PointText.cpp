@@ -1,0 +1,77 @@
+#include "tools/zeltrim/PointText.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+// Splits on blanks and commas and converts each field; false on any bad field.
+bool Numbers(const std::string& text, std::vector<double>* values) {
+  values->clear();
+  size_t i = 0;
+  while (i < text.size()) {
+    while (i < text.size() && (text[i] == ' ' || text[i] == '\t' || text[i] == ',' || text[i] == '\r')) ++i;
+    if (i >= text.size()) break;
+    size_t end = i;
+    while (end < text.size() && text[end] != ' ' && text[end] != '\t' && text[end] != ',' && text[end] != '\r') ++end;
+    const std::string field = text.substr(i, end - i);
+    char* stop = nullptr;
+    errno = 0;
+    const double v = std::strtod(field.c_str(), &stop);
+    if (stop == field.c_str() || *stop != '\0' || errno == ERANGE || !std::isfinite(v)) return false;
+    values->push_back(v);
+    i = end;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool ParsePoint(const std::string& text, Point3* point, std::string* error) {
+  std::vector<double> v;
+  if (!Numbers(text, &v)) {
+    *error = "not a number in '" + text + "'";
+    return false;
+  }
+  if (v.size() < 2 || v.size() > 3) {
+    *error = "expected x y or x y z, got '" + text + "'";
+    return false;
+  }
+  point->x = v[0];
+  point->y = v[1];
+  point->z = v.size() == 3 ? v[2] : 0.0;
+  return true;
+}
+
+bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error) {
+  std::string line;
+  int number = 0;
+  while (std::getline(in, line)) {
+    ++number;
+    const size_t first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos || line[first] == '#') continue;
+    Point3 p;
+    std::string why;
+    if (!ParsePoint(line, &p, &why)) {
+      *error = "line " + std::to_string(number) + ": " + why;
+      return false;
+    }
+    points->push_back(p);
+  }
+  return true;
+}
+
+bool ParseNumbers(const std::string& text, int count, double* values) {
+  std::vector<double> v;
+  if (!Numbers(text, &v) || static_cast<int>(v.size()) != count) return false;
+  for (int i = 0; i < count; ++i) values[i] = v[static_cast<size_t>(i)];
+  return true;
+}
+
+std::string FormatPoint(const Point3& p) {
+  char buffer[128];
+  std::snprintf(buffer, sizeof(buffer), "%.10g %.10g %.10g", p.x, p.y, p.z);
+  return buffer;
+}

@@ -1,0 +1,22 @@
+// Reading points as a user types them: "x,y[,z]" arguments, or lines of "x y [z]"
+// (blanks or commas between numbers; blank lines and '#' lines are skipped).
+#pragma once
+
+#include <istream>
+#include <string>
+#include <vector>
+
+struct Point3 {
+  double x = 0, y = 0, z = 0;
+};
+
+// Parses one point; false (with *error set) for anything but two or three numbers.
+bool ParsePoint(const std::string& text, Point3* point, std::string* error);
+
+// Reads every point of a stream; false with "line N: ..." in *error on the first bad line.
+bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error);
+
+// Parses "a,b[,c]" into up to `count` numbers; false unless exactly `count` are given.
+bool ParseNumbers(const std::string& text, int count, double* values);
+
+std::string FormatPoint(const Point3& p);

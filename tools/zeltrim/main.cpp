@@ -1,0 +1,72 @@
+// zeltrim: a command-line host for the Zeltrim calibration module. It loads Zeltrim.so
+// exactly as a framework host does, with the reference host's peer modules beside it.
+#include <unistd.h>
+
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "tools/zeltrim/Commands.h"
+
+namespace {
+
+const char* const kUsage =
+    "usage: zeltrim <command> [arguments]\n"
+    "Commands:\n"
+    "  objects   list the objects the module creates, and whether this build has each\n"
+    "  linear    convert or revert points with a hand-set linear calibration\n"
+    "Run 'zeltrim <command> --help' for a command's options.\n";
+
+struct Command {
+  const char* name;
+  int (*run)(CommandContext&);
+  const char* const* help;
+};
+
+const Command kCommands[] = {
+    {"objects", &RunObjects, &kObjectsHelp},
+    {"linear", &RunLinear, &kLinearHelp},
+};
+
+}  // namespace
+
+int Fail(const std::string& message, int status) {
+  std::fprintf(stderr, "zeltrim: %s\n", message.c_str());
+  return status;
+}
+
+int main(int argc, char** argv) {
+  std::setlocale(LC_ALL, "");
+  if (argc < 2) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+  const std::string name = argv[1];
+  if (name == "--help" || name == "-h" || name == "help") {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  const Command* command = nullptr;
+  for (const Command& c : kCommands)
+    if (name == c.name) command = &c;
+  if (!command) return Fail("unknown command '" + name + "' (try zeltrim --help)");
+
+  CommandContext context;
+  for (int i = 2; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+      std::fputs(*command->help, stdout);
+      return 0;
+    }
+    context.args.push_back(argv[i]);
+  }
+  char cwd[4096];
+  context.startDir = getcwd(cwd, sizeof(cwd)) ? cwd : ".";
+
+  // Peers are found relative to the working folder, so work from the folder that holds
+  // _binlinux/ (file arguments are made absolute against startDir first).
+  ModuleHost host;
+  if (!host.Load(ExecutableFolder())) return Fail(host.Error(), 1);
+  context.host = &host;
+  return command->run(context);
+}
