@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# Runs the zeltrim binary as a user does and checks its output and exit status.
+# usage: run_cli_tests.sh <path to zeltrim> <source folder>
+set -u
+zeltrim=$1
+source_dir=$2
+passed=0
+failed=0
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+
+check() {  # check NAME EXPECTED_STATUS EXPECTED_TEXT (grep -F pattern; "" for none) -- command...
+  local name=$1 want_status=$2 want_text=$3
+  shift 4
+  local out status
+  out=$("$@" 2>&1)
+  status=$?
+  if [ "$status" -ne "$want_status" ]; then
+    echo "FAIL $name: exit $status, expected $want_status"; echo "$out" | head -5; failed=$((failed + 1)); return
+  fi
+  if [ -n "$want_text" ] && ! grep -qF -- "$want_text" <<<"$out"; then
+    echo "FAIL $name: output lacks '$want_text'"; echo "$out" | head -5; failed=$((failed + 1)); return
+  fi
+  echo "ok   $name"; passed=$((passed + 1))
+}
+
+check help 0 "linear" -- "$zeltrim" --help
+check no-arguments 2 "usage: zeltrim" -- "$zeltrim"
+check unknown-command 2 "unknown command 'bogus'" -- "$zeltrim" bogus
+check linear-help 0 "--revert" -- "$zeltrim" linear --help
+check objects 0 "CameraLinearCalibration      provided" -- "$zeltrim" objects
+
+# (1,0) scaled by 2 is (2,0), moved by (10,0) is (12,0), turned 90 degrees about z: (0,12).
+check linear-convert 0 "0 12 0" -- "$zeltrim" linear --scale 2,2,1 --origin 10,0,0 --roll 90 1,0
+# The camera origin moves first: (5,5) - (4,5) = (1,0), then as above.
+check linear-camera-origin 0 "0 12 0" -- "$zeltrim" linear --camera-origin 4,5 --scale 2,2,1 --origin 10,0,0 --roll 90 5,5
+check linear-revert 0 "1 0 0" -- "$zeltrim" linear --revert --scale 2,2,1 --origin 10,0,0 --roll 90 0,12,0
+check linear-zero-scale-is-one 0 "3 4 0" -- "$zeltrim" linear --scale 0,0,0 3,4
+check linear-negative-point 0 "-2 -4 0" -- "$zeltrim" linear --scale 2,2,1 -1,-2
+
+printf '# two points\n1 0\n\n  3,4,5\n' >points.txt
+out=$("$zeltrim" linear --scale 2,2,1 <points.txt 2>&1)
+if [ "$out" = $'2 0 0\n6 8 5' ]; then echo "ok   linear-stdin"; passed=$((passed + 1));
+else echo "FAIL linear-stdin: got '$out'"; failed=$((failed + 1)); fi
+
+check bad-option-value 2 "--scale needs SX,SY,SZ" -- "$zeltrim" linear --scale 2,2
+check unknown-option 2 "unknown option --bogus" -- "$zeltrim" linear --bogus 1
+check bad-point 2 "expected x y or x y z" -- "$zeltrim" linear 1,2,3,4
+check bad-number 2 "not a number" -- "$zeltrim" linear 1,abc
+printf '1 2\n1 x\n' >bad.txt
+check bad-stdin-line 2 "line 2: not a number" -- bash -c "\"$zeltrim\" linear <bad.txt"
+
+# An installation without the geometry peer: the module reports the missing module and
+# the command fails cleanly instead of crashing.
+bin_dir=$(dirname "$zeltrim")
+mkdir -p partial/_binlinux
+cp "$zeltrim" partial/
+for so in "$bin_dir"/_binlinux/*.so; do
+  case "$(basename "$so")" in Geometry.so) ;; *) cp "$so" partial/_binlinux/ ;; esac
+done
+check missing-peer 1 "Module not available ./_binlinux/Geometry.so" -- partial/zeltrim linear 1,2
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
