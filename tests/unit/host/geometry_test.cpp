@@ -1,12 +1,13 @@
 // The "Geometry" peer module, loaded through the dynamic loader as a host loads it:
 // the linear step chain, points and point collections, the homogeneous transform, the
-// plane and the point vector.
+// plane, the point vector and the fitted line.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cwchar>
 #include <string>
+#include <vector>
 
 #include "frame/Object.h"
 
@@ -20,20 +21,41 @@ constexpr double kRoundTripTolerance = 1e-9;
 typedef HRESULT (*CreateFn)(tagREFString, void**);
 typedef HRESULT (*CreatorFn)(void*, IID*, void**);
 
-// Creates `name` from ./_binlinux/Geometry.so and queries it for I; null on any failure.
-template <class I>
-I* CreateGeometry(const wchar_t* name) {
-  static void* handle = dlopen("./_binlinux/Geometry.so", RTLD_NOW);  // never unloaded
-  if (!handle) return nullptr;
-  auto create = reinterpret_cast<CreateFn>(dlsym(handle, "CreateFunction"));
+// Creates `name` from a peer module's creator and queries it for I; null on any failure.
+IUnknown* CreateFromModule(void* module, const wchar_t* name, const IID& asked) {
+  if (!module) return nullptr;
+  auto create = reinterpret_cast<CreateFn>(dlsym(module, "CreateFunction"));
   if (!create) return nullptr;
   void* creator = nullptr;
   const tagREFString text{static_cast<int32_t>(std::wcslen(name)), name};
   if (create(text, &creator) != S_OK || !creator) return nullptr;
-  IID iid = I::Iid();
+  IID iid = asked;
   void* object = nullptr;
   if (reinterpret_cast<CreatorFn>(creator)(nullptr, &iid, &object) != S_OK) return nullptr;
-  return static_cast<I*>(object);
+  return static_cast<IUnknown*>(object);
+}
+
+void* GeometryModule() {
+  static void* handle = dlopen("./_binlinux/Geometry.so", RTLD_NOW);  // never unloaded
+  return handle;
+}
+
+template <class I>
+I* CreateGeometry(const wchar_t* name) {
+  return static_cast<I*>(static_cast<void*>(CreateFromModule(GeometryModule(), name, I::Iid())));
+}
+
+// Hands Geometry the global component collection, as a host does, so that its objects
+// can create objects of other modules ("DblBuffer"). False when a module is missing.
+bool ConnectGeometryToHost() {
+  void* collectionsEx = dlopen("./_binlinux/CollectionsEx.so", RTLD_NOW);
+  IUnknown* global = CreateFromModule(collectionsEx, L"GlobalComponentCollection", IID_IComponentCollection);
+  if (!global) return false;
+  typedef HRESULT (*InitializeFn)(void*, IComponentCollection*);
+  auto initialize = reinterpret_cast<InitializeFn>(dlsym(GeometryModule(), "InitializeModule"));
+  const bool done = initialize && initialize(nullptr, static_cast<IComponentCollection*>(static_cast<void*>(global))) == S_OK;
+  global->Release();
+  return done;
 }
 
 template <class I>
@@ -512,6 +534,140 @@ TEST(GeometryPointVector, PointsAlongItsDirectionAndFollowsATransform) {
   EXPECT_EQ(movable->Release(), 1);
   EXPECT_EQ(transform->Release(), 0);
   EXPECT_EQ(ray->Release(), 0);
+}
+
+// ---------------------------------------------------------------- LineSegment
+
+class GeometryLineSegment : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(ConnectGeometryToHost());
+    line = CreateGeometry<ILineSegment>(L"LineSegment");
+    ASSERT_NE(line, nullptr);
+    fitting = Query<IGeometricFitting>(line);
+    ASSERT_NE(fitting, nullptr);
+    points = CreateGeometry<IPointsCollection>(L"PointsCollection");
+    ASSERT_NE(points, nullptr);
+  }
+  void TearDown() override {
+    if (points) {
+      EXPECT_EQ(points->Release(), 0);
+    }
+    if (fitting) fitting->Release();
+    if (line) {
+      EXPECT_EQ(line->Release(), 0);
+    }
+  }
+  void Add(std::initializer_list<Point3> list) {
+    for (const Point3& p : list) points->AddPoint(p.x, p.y, p.z);
+  }
+  // The residuals of the current points, or an empty list when they cannot be had.
+  std::vector<double> Residuals() {
+    std::vector<double> values;
+    IDblVector* vector = nullptr;
+    if (fitting->GetResiduals(points, &vector) != S_OK || !vector) return values;
+    int count = 0;
+    vector->get_Count(&count);
+    for (int i = 0; i < count; ++i) {
+      double v = NAN;
+      vector->get_Item(i, &v);
+      values.push_back(v);
+    }
+    EXPECT_EQ(vector->Release(), 0);
+    return values;
+  }
+  Point3 Start() {
+    Point3 a{}, b{};
+    line->GetEnds(&a.x, &a.y, &a.z, &b.x, &b.y, &b.z);
+    return a;
+  }
+  Point3 End() {
+    Point3 a{}, b{};
+    line->GetEnds(&a.x, &a.y, &a.z, &b.x, &b.y, &b.z);
+    return b;
+  }
+  ILineSegment* line = nullptr;
+  IGeometricFitting* fitting = nullptr;
+  IPointsCollection* points = nullptr;
+};
+
+TEST_F(GeometryLineSegment, FitsAHorizontalBandWithSignedDistances) {
+  EXPECT_EQ(ObjectName(line), L"LineSegment");
+  // The corners of a 4 x 2 box centred on (2, 0): the line is y = 0, running +x (first
+  // point (0, 1) to last (4, -1)), so the distance is y itself; ends at x = 0 and 4.
+  Add({{0, 1, 0}, {0, -1, 0}, {4, 1, 0}, {4, -1, 0}});
+  ASSERT_EQ(fitting->Fit(points), S_OK);
+  const std::vector<double> r = Residuals();
+  ASSERT_EQ(r.size(), 4u);
+  EXPECT_NEAR(r[0], 1.0, kRotationTolerance);
+  EXPECT_NEAR(r[1], -1.0, kRotationTolerance);
+  EXPECT_NEAR(r[2], 1.0, kRotationTolerance);
+  EXPECT_NEAR(r[3], -1.0, kRotationTolerance);
+  EXPECT_POINT_NEAR(Start(), 0.0, 0.0, 0.0, kRotationTolerance);
+  EXPECT_POINT_NEAR(End(), 4.0, 0.0, 0.0, kRotationTolerance);
+  // Other points against the same line: (7, 3) lies 3 above, (-1, -2.5) 2.5 below.
+  points->Clear();
+  Add({{7, 3, 0}, {-1, -2.5, 0}});
+  const std::vector<double> other = Residuals();
+  ASSERT_EQ(other.size(), 2u);
+  EXPECT_NEAR(other[0], 3.0, kRotationTolerance);
+  EXPECT_NEAR(other[1], -2.5, kRotationTolerance);
+}
+
+TEST_F(GeometryLineSegment, MinimisesPerpendicularNotVerticalDistances) {
+  // The box corners (x, y) = (-2, -1), (-2, 1), (2, -1), (2, 1) turned by 45 degrees:
+  // (x - y, x + y) / sqrt 2. The perpendicular fit is the turned x axis, direction
+  // (1, 1) / sqrt 2, and the distances are the original y: -1, 1, -1, 1. A regression of
+  // y on x would give slope Sxy / Sxx = 6 / 10 instead, and other distances.
+  const double h = 1.0 / std::sqrt(2.0);
+  Add({{-h, -3 * h, 0}, {-3 * h, -h, 0}, {3 * h, h, 0}, {h, 3 * h, 0}});
+  ASSERT_EQ(fitting->Fit(points), S_OK);
+  std::vector<double> r = Residuals();
+  ASSERT_EQ(r.size(), 4u);
+  EXPECT_NEAR(r[0], -1.0, kRotationTolerance);
+  EXPECT_NEAR(r[1], 1.0, kRotationTolerance);
+  EXPECT_NEAR(r[2], -1.0, kRotationTolerance);
+  EXPECT_NEAR(r[3], 1.0, kRotationTolerance);
+  // Ends: the outermost projections, x = -2 and 2 on the turned axis: -+(sqrt 2, sqrt 2).
+  EXPECT_POINT_NEAR(Start(), -std::sqrt(2.0), -std::sqrt(2.0), 0.0, kRotationTolerance);
+  EXPECT_POINT_NEAR(End(), std::sqrt(2.0), std::sqrt(2.0), 0.0, kRotationTolerance);
+
+  // The same points from last to first: the line runs the other way, and the signs flip.
+  points->Clear();
+  Add({{h, 3 * h, 0}, {3 * h, h, 0}, {-3 * h, -h, 0}, {-h, -3 * h, 0}});
+  ASSERT_EQ(fitting->Fit(points), S_OK);
+  r = Residuals();
+  ASSERT_EQ(r.size(), 4u);
+  EXPECT_NEAR(r[0], -1.0, kRotationTolerance);  // original y = 1, now on the right
+  EXPECT_NEAR(r[3], 1.0, kRotationTolerance);   // original y = -1
+}
+
+TEST_F(GeometryLineSegment, SetEndsGivesTheLineAndBadInputIsRefused) {
+  // Before any line: no residuals.
+  Add({{1, 1, 0}});
+  IDblVector* vector = reinterpret_cast<IDblVector*>(1);
+  EXPECT_EQ(fitting->GetResiduals(points, &vector), E_FAIL);
+  EXPECT_EQ(vector, nullptr);
+  // One point, or points on one spot, fit no line.
+  EXPECT_EQ(fitting->Fit(points), E_INVALIDARG);
+  Add({{1, 1, 0}});
+  EXPECT_EQ(fitting->Fit(points), E_FAIL);
+  EXPECT_EQ(fitting->Fit(nullptr), E_POINTER);
+  EXPECT_EQ(line->SetEnds(2, 2, 0, 2, 2, 5), E_INVALIDARG);  // same x, y
+  // Upward from (0, 0) to (0, 2): (1, 1) lies on the right, distance -1.
+  ASSERT_EQ(line->SetEnds(0, 0, 0, 0, 2, 0), S_OK);
+  points->Clear();
+  Add({{1, 1, 0}, {-3, 7, 0}});
+  const std::vector<double> r = Residuals();
+  ASSERT_EQ(r.size(), 2u);
+  EXPECT_NEAR(r[0], -1.0, kRotationTolerance);
+  EXPECT_NEAR(r[1], 3.0, kRotationTolerance);
+  // A failed fit keeps the line: one point is too few.
+  points->Clear();
+  Add({{100, 100, 0}});
+  EXPECT_EQ(fitting->Fit(points), E_INVALIDARG);
+  EXPECT_POINT_EQ(End(), 0.0, 2.0, 0.0);
+  EXPECT_EQ(fitting->GetResiduals(points, nullptr), E_POINTER);
 }
 
 }  // namespace
