@@ -2,6 +2,7 @@
 // squares (the line that minimises the sum of squared perpendicular distances), with
 // ends at the outermost projections of the points.
 #include <cmath>
+#include <new>
 #include <vector>
 
 #include "host/common/PeerModule.h"
@@ -19,7 +20,6 @@ HRESULT ReadPoints(IPointsCollection* points, std::vector<XYZ>* out) {
   if (FAILED(hr)) return hr;
   if (count < 0) return E_FAIL;
   out->clear();
-  out->reserve(static_cast<size_t>(count));
   for (int i = 0; i < count; ++i) {
     SmartPtr<IUnknown> item;
     hr = points->get_Item(i, item.Out());
@@ -29,7 +29,11 @@ HRESULT ReadPoints(IPointsCollection* points, std::vector<XYZ>* out) {
     XYZ p{0.0, 0.0, 0.0};
     hr = point->GetXYZ(&p.x, &p.y, &p.z);
     if (FAILED(hr)) return hr;
-    out->push_back(p);
+    try {
+      out->push_back(p);
+    } catch (const std::bad_alloc&) {
+      return E_FAIL;
+    }
   }
   return S_OK;
 }

@@ -2,6 +2,7 @@
 // they were added. Angles are in degrees; roll turns about Z, pitch about X, yaw about Y,
 // counter-clockwise seen from the positive axis looking toward the origin (right-handed).
 #include <cmath>
+#include <new>
 #include <vector>
 
 #include "host/common/PeerModule.h"
@@ -95,7 +96,11 @@ class CLinearTransform : public CObject<CLinearTransform>,
     if (kind < STEP_TRANSLATE || kind > STEP_YAW) return E_INVALIDARG;
     Step step{kind, a, b, c, 0.0, 1.0};
     if (kind >= STEP_ROLL) SinCosDegrees(a, &step.sine, &step.cosine);
-    m_Steps.push_back(step);
+    try {
+      m_Steps.push_back(step);
+    } catch (const std::bad_alloc&) {
+      return E_FAIL;
+    }
     return S_OK;
   }
 

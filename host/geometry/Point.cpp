@@ -1,5 +1,7 @@
 #include "host/geometry/Point.h"
 
+#include <new>
+
 #include "host/common/PeerModule.h"
 
 ZELTRIM_PEER_OBJECT(L"Point", CPoint);
@@ -91,7 +93,12 @@ HRESULT CPointsCollection::Add(IUnknown* point) {
   void* asked = nullptr;
   if (FAILED(point->QueryInterface(IID_IPoint, &asked)) || !asked) return E_INVALIDARG;
   // The query's reference is the collection's.
-  m_Points.push_back(static_cast<IPoint*>(asked));
+  try {
+    m_Points.push_back(static_cast<IPoint*>(asked));
+  } catch (const std::bad_alloc&) {
+    static_cast<IPoint*>(asked)->Release();
+    return E_FAIL;
+  }
   return S_OK;
 }
 
@@ -104,8 +111,14 @@ HRESULT CPointsCollection::Clear() {
 }
 
 HRESULT CPointsCollection::AddPoint(double x, double y, double z) {
-  CPoint* point = CPoint::Create(x, y, z);
-  m_Points.push_back(static_cast<IPoint*>(point));
+  CPoint* point = nullptr;
+  try {
+    point = CPoint::Create(x, y, z);
+    m_Points.push_back(static_cast<IPoint*>(point));
+  } catch (const std::bad_alloc&) {
+    if (point) point->Release();
+    return E_FAIL;
+  }
   return S_OK;
 }
 
