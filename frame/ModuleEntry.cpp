@@ -1,6 +1,9 @@
 // The module's two exported entry points and its table of creatable objects.
 #include "calibration/CameraLinearCalibration.h"
 #include "frame/Components.h"
+#include "geometry/TransformBestFit.h"
+#include "geometry/TransformInterrogate.h"
+#include "geometry/TransformResidualErrors.h"
 
 #define ZELTRIM_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -29,9 +32,9 @@ const CreatableObject kCreatableObjects[] = {
     {L"CameraLinearCalibration", 23, &CObject<CCameraLinearCalibration>::_CreateInstance},
     {L"SingleViewGeometry", 18, nullptr},
     {L"MultiViewGeometry", 17, nullptr},
-    {L"TransformBestFit", 16, nullptr},
-    {L"TransformInterrogate", 20, nullptr},
-    {L"TransformResidualErrors", 23, nullptr},
+    {L"TransformBestFit", 16, &CObject<CTransformBestFit>::_CreateInstance},
+    {L"TransformInterrogate", 20, &CObject<CTransformInterrogate>::_CreateInstance},
+    {L"TransformResidualErrors", 23, &CObject<CTransformResidualErrors>::_CreateInstance},
 };
 
 bool SameName(const CreatableObject& row, tagREFString name) {
