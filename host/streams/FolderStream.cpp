@@ -1,0 +1,785 @@
+#include "host/streams/FolderStream.h"
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <set>
+
+#include "host/common/HostString.h"
+#include "host/common/PeerModule.h"
+#include "host/streams/DataStream.h"
+#include "host/streams/StreamCommon.h"
+
+ZELTRIM_PEER_OBJECT(L"FolderStream", CFolderStream);
+
+namespace {
+
+constexpr uint8_t kMagic[4] = {'Z', 'T', 'F', 'S'};
+constexpr uint16_t kVersion = 1;
+constexpr size_t kHeaderBytes = 16;
+// Smallest entry: type (1), name length (2), value size (4).
+constexpr size_t kMinEntryBytes = 7;
+
+void PutU16(std::vector<uint8_t>* out, uint32_t v) {
+  out->push_back(static_cast<uint8_t>(v));
+  out->push_back(static_cast<uint8_t>(v >> 8));
+}
+void PutU32(std::vector<uint8_t>* out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out->push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+void PutU32At(std::vector<uint8_t>* out, size_t at, uint32_t v) {
+  for (int i = 0; i < 4; ++i) (*out)[at + i] = static_cast<uint8_t>(v >> (8 * i));
+}
+void PutWide(std::vector<uint8_t>* out, const std::wstring& text) {
+  for (wchar_t c : text) PutU32(out, static_cast<uint32_t>(c));
+}
+
+uint32_t GetU16(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8; }
+uint32_t GetU32(const uint8_t* p) {
+  return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+// A bounds-checked cursor over a byte block.
+struct Reader {
+  const uint8_t* data;
+  size_t size;
+  size_t at = 0;
+  bool Has(size_t n) const { return n <= size - at; }
+  bool U8(uint32_t* v) {
+    if (!Has(1)) return false;
+    *v = data[at++];
+    return true;
+  }
+  bool U16(uint32_t* v) {
+    if (!Has(2)) return false;
+    *v = GetU16(data + at);
+    at += 2;
+    return true;
+  }
+  bool U32(uint32_t* v) {
+    if (!Has(4)) return false;
+    *v = GetU32(data + at);
+    at += 4;
+    return true;
+  }
+  bool Wide(size_t chars, std::wstring* text) {
+    if (chars > (size - at) / 4) return false;
+    text->resize(chars);
+    for (size_t i = 0; i < chars; ++i) (*text)[i] = static_cast<wchar_t>(GetU32(data + at + 4 * i));
+    at += 4 * chars;
+    return true;
+  }
+};
+
+std::wstring NumberText(const CFolderStream::Entry& e) {
+  wchar_t buffer[64];
+  if (e.type == CFolderStream::TYPE_INT32)
+    std::swprintf(buffer, 64, L"%d", e.integer);
+  else
+    std::swprintf(buffer, 64, L"%.17g", e.number);
+  return buffer;
+}
+
+IDataStream* AsDataStream(CFolderStream* folder) {
+  return static_cast<IDataStream*>(static_cast<IFolderStream*>(folder));
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ binary form
+
+bool CFolderStream::WriteBody(const CFolderStream& folder, std::vector<uint8_t>* out, int depth) {
+  if (depth > kMaxDepth) return false;
+  PutU32(out, static_cast<uint32_t>(folder.m_Entries.size()));
+  for (const Entry& e : folder.m_Entries) {
+    if (e.name.size() > kMaxNameChars) return false;
+    out->push_back(static_cast<uint8_t>(e.type));
+    PutU16(out, static_cast<uint32_t>(e.name.size()));
+    PutWide(out, e.name);
+    const size_t sizeAt = out->size();
+    PutU32(out, 0);
+    const size_t valueAt = out->size();
+    switch (e.type) {
+      case TYPE_DATA: out->insert(out->end(), e.data.begin(), e.data.end()); break;
+      case TYPE_STRING: PutWide(out, e.text); break;
+      case TYPE_INT32: PutU32(out, static_cast<uint32_t>(e.integer)); break;
+      case TYPE_DOUBLE: {
+        uint64_t bits;
+        std::memcpy(&bits, &e.number, 8);
+        PutU32(out, static_cast<uint32_t>(bits));
+        PutU32(out, static_cast<uint32_t>(bits >> 32));
+        break;
+      }
+      case TYPE_OBJECT:
+        if (e.text.size() > kMaxNameChars) return false;
+        PutU16(out, static_cast<uint32_t>(e.text.size()));
+        PutWide(out, e.text);
+        [[fallthrough]];  // the object's data follows as a folder body
+      case TYPE_FOLDER:
+        if (!e.folder || !WriteBody(*e.folder, out, depth + 1)) return false;
+        break;
+      default: return false;
+    }
+    if (out->size() > kMaxFileBytes) return false;
+    PutU32At(out, sizeAt, static_cast<uint32_t>(out->size() - valueAt));
+  }
+  return true;
+}
+
+bool CFolderStream::ReadBody(const uint8_t* data, size_t size, int depth, std::vector<Entry>* entries) {
+  if (depth > kMaxDepth) return false;
+  Reader in{data, size};
+  uint32_t count = 0;
+  if (!in.U32(&count)) return false;
+  if (count > (size - in.at) / kMinEntryBytes) return false;
+  std::set<std::wstring> names;
+  entries->clear();
+  entries->reserve(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    Entry e;
+    uint32_t type = 0, nameChars = 0, valueSize = 0;
+    if (!in.U8(&type) || !in.U16(&nameChars) || nameChars > kMaxNameChars || !in.Wide(nameChars, &e.name) ||
+        !in.U32(&valueSize) || !in.Has(valueSize))
+      return false;
+    if (!names.insert(e.name).second) return false;  // names are unique within a folder
+    e.type = static_cast<int>(type);
+    Reader value{data + in.at, valueSize};
+    in.at += valueSize;
+    switch (type) {
+      case TYPE_DATA: e.data.assign(value.data, value.data + valueSize); break;
+      case TYPE_STRING:
+        if (valueSize % 4 != 0 || !value.Wide(valueSize / 4, &e.text)) return false;
+        break;
+      case TYPE_INT32: {
+        uint32_t v;
+        if (valueSize != 4 || !value.U32(&v)) return false;
+        e.integer = static_cast<int32_t>(v);
+        break;
+      }
+      case TYPE_DOUBLE: {
+        uint32_t lo, hi;
+        if (valueSize != 8 || !value.U32(&lo) || !value.U32(&hi)) return false;
+        const uint64_t bits = uint64_t(lo) | uint64_t(hi) << 32;
+        std::memcpy(&e.number, &bits, 8);
+        break;
+      }
+      case TYPE_OBJECT: {
+        uint32_t objectChars = 0;
+        if (!value.U16(&objectChars) || objectChars > kMaxNameChars || !value.Wide(objectChars, &e.text))
+          return false;
+        [[fallthrough]];  // the object's data follows as a folder body
+      }
+      case TYPE_FOLDER: {
+        CFolderStream* child = new (std::nothrow) CFolderStream();
+        if (!child) return false;
+        e.folder.Attach(child);
+        child->m_Depth = depth + 1;
+        if (!ReadBody(value.data + value.at, valueSize - value.at, depth + 1, &child->m_Entries)) return false;
+        break;
+      }
+      default: return false;
+    }
+    entries->push_back(std::move(e));
+  }
+  return in.at == size;  // nothing may trail the entries
+}
+
+bool CFolderStream::SaveImage(std::vector<uint8_t>* image) const {
+  try {
+    image->assign(kHeaderBytes, 0);
+    if (!WriteBody(*this, image, m_Depth)) return false;
+    const size_t payload = image->size() - kHeaderBytes;
+    std::memcpy(image->data(), kMagic, 4);
+    (*image)[4] = static_cast<uint8_t>(kVersion);
+    (*image)[5] = static_cast<uint8_t>(kVersion >> 8);
+    PutU32At(image, 8, static_cast<uint32_t>(payload));
+    PutU32At(image, 12, streams::Crc32(image->data() + kHeaderBytes, payload));
+  } catch (...) {
+    return false;
+  }
+  return true;
+}
+
+bool CFolderStream::LoadImage(const uint8_t* image, size_t size) {
+  if (!image || size < kHeaderBytes || size > kMaxFileBytes) return false;
+  if (std::memcmp(image, kMagic, 4) != 0) return false;
+  if (GetU16(image + 4) != kVersion || GetU16(image + 6) != 0) return false;
+  const size_t payload = GetU32(image + 8);
+  if (payload != size - kHeaderBytes) return false;
+  if (GetU32(image + 12) != streams::Crc32(image + kHeaderBytes, payload)) return false;
+  std::vector<Entry> entries;
+  try {
+    if (!ReadBody(image + kHeaderBytes, payload, m_Depth, &entries)) return false;
+  } catch (...) {
+    return false;
+  }
+  m_Entries.swap(entries);
+  m_Image.clear();
+  m_ImagePosition = 0;
+  return true;
+}
+
+// ------------------------------------------------------------------ the object
+
+HRESULT CFolderStream::QueryInterface(const IID& iid, void** object) {
+  if (!object) return E_POINTER;
+  *object = nullptr;
+  if (QueryRoute(iid, IID_IUnknown, static_cast<IUnknown*>(static_cast<CObject<CFolderStream>*>(this)), object) ||
+      QueryRoute(iid, IID_IDataStream, static_cast<IDataStream*>(this), object) ||
+      QueryRoute(iid, IID_IFolderStream, static_cast<IFolderStream*>(this), object) ||
+      QueryRoute(iid, IID_IFileArchive, static_cast<IFileArchive*>(this), object) ||
+      QueryRoute(iid, IID_INamedCollection, static_cast<INamedCollection*>(this), object) ||
+      QueryRoute(iid, IID_ISimpleCollection, static_cast<ISimpleCollection*>(this), object) ||
+      QueryRoute(iid, IID_IString, static_cast<IString*>(this), object) ||
+      QueryRoute(iid, IID_IObjectInfo, static_cast<IObjectInfo*>(this), object))
+    return S_OK;
+  return E_NOINTERFACE;
+}
+
+HRESULT CFolderStream::GetName(int, tagREFString* name) {
+  if (!name) return E_POINTER;
+  *name = tagREFString{12, L"FolderStream"};
+  return S_OK;
+}
+
+CFolderStream* CFolderStream::NewChild() const {
+  if (m_Depth >= kMaxDepth) return nullptr;
+  CFolderStream* child = new (std::nothrow) CFolderStream();
+  if (child) child->m_Depth = m_Depth + 1;
+  return child;
+}
+
+int CFolderStream::Find(IUnknown* key) const {
+  const streams::StreamKey k = streams::KeyOf(key);
+  if (!k.valid) return -1;
+  if (k.isIndex) return k.index >= 0 && k.index < static_cast<int>(m_Entries.size()) ? k.index : -1;
+  for (size_t i = 0; i < m_Entries.size(); ++i)
+    if (m_Entries[i].name == k.name) return static_cast<int>(i);
+  return -1;
+}
+
+// The entry a write goes to: the existing one of that key, reset, or a new one.
+CFolderStream::Entry* CFolderStream::Place(IUnknown* key, HRESULT* hr) {
+  *hr = S_OK;
+  m_Image.clear();
+  m_ImagePosition = 0;
+  const streams::StreamKey k = streams::KeyOf(key);
+  int index = -1;
+  std::wstring name;
+  if (!key) {
+    for (int n = 1;; ++n) {  // first unused "Item<n>"
+      name = L"Item" + std::to_wstring(n);
+      bool used = false;
+      for (const Entry& e : m_Entries) used = used || e.name == name;
+      if (!used) break;
+    }
+  } else if (!k.valid) {
+    *hr = E_INVALIDARG;
+    return nullptr;
+  } else if (k.isIndex) {
+    index = Find(key);
+    if (index < 0) {
+      *hr = E_INVALIDARG;
+      return nullptr;
+    }
+  } else {
+    if (k.name.size() > kMaxNameChars) {
+      *hr = E_INVALIDARG;
+      return nullptr;
+    }
+    name = k.name;
+    for (size_t i = 0; i < m_Entries.size(); ++i)
+      if (m_Entries[i].name == name) index = static_cast<int>(i);
+  }
+  if (index >= 0) {
+    Entry& e = m_Entries[index];
+    name = e.name;
+    e = Entry();
+    e.name = name;
+    return &e;
+  }
+  try {
+    m_Entries.emplace_back();
+  } catch (...) {
+    *hr = E_FAIL;
+    return nullptr;
+  }
+  m_Entries.back().name = name;
+  return &m_Entries.back();
+}
+
+HRESULT CFolderStream::Open(void* buffer, unsigned long size, int) {
+  if (!buffer) {
+    m_Entries.clear();
+    m_Image.clear();
+    m_ImagePosition = 0;
+    return S_OK;
+  }
+  return LoadImage(static_cast<const uint8_t*>(buffer), size) ? S_OK : E_FAIL;
+}
+
+HRESULT CFolderStream::Read(void* data, int bytes, int* read) {
+  if (read) *read = 0;
+  if (bytes < 0) return E_INVALIDARG;
+  if (bytes > 0 && !data) return E_POINTER;
+  if (m_Image.empty() && !SaveImage(&m_Image)) return E_FAIL;
+  size_t n = static_cast<size_t>(bytes);
+  if (n > m_Image.size() - m_ImagePosition) n = m_Image.size() - m_ImagePosition;
+  if (n) std::memcpy(data, m_Image.data() + m_ImagePosition, n);
+  m_ImagePosition += n;
+  if (read) *read = static_cast<int>(n);
+  return n == static_cast<size_t>(bytes) ? S_OK : S_FALSE;
+}
+
+HRESULT CFolderStream::Seek(long bytes, int origin, int) {
+  if (m_Image.empty() && !SaveImage(&m_Image)) return E_FAIL;
+  long long base = 0;
+  if (origin == STREAM_CURRENT) base = static_cast<long long>(m_ImagePosition);
+  else if (origin == STREAM_END) base = static_cast<long long>(m_Image.size());
+  else if (origin != STREAM_BEGIN) return E_INVALIDARG;
+  const long long target = base + bytes;
+  if (target < 0 || target > static_cast<long long>(m_Image.size())) return E_INVALIDARG;
+  m_ImagePosition = static_cast<size_t>(target);
+  return S_OK;
+}
+
+HRESULT CFolderStream::GetBuffer(void** data, unsigned long* size) {
+  if (!data) return E_POINTER;
+  *data = nullptr;
+  if (!SaveImage(&m_Image)) return E_FAIL;
+  m_ImagePosition = 0;
+  *data = m_Image.data();
+  if (size) *size = static_cast<unsigned long>(m_Image.size());
+  return S_OK;
+}
+
+HRESULT CFolderStream::GetPosition(unsigned long* position) {
+  if (!position) return E_POINTER;
+  *position = static_cast<unsigned long>(m_ImagePosition);
+  return S_OK;
+}
+
+HRESULT CFolderStream::CreateSubStream(IString* name, int, IDataStream** out) {
+  if (!out) return E_POINTER;
+  *out = nullptr;
+  CFolderStream* child = NewChild();
+  if (!child) return E_FAIL;
+  HRESULT hr;
+  Entry* e = Place(name, &hr);
+  if (!e) {
+    child->Release();
+    return hr;
+  }
+  e->type = TYPE_FOLDER;
+  e->folder.Attach(child);
+  child->AddRef();
+  *out = AsDataStream(child);
+  return S_OK;
+}
+
+HRESULT CFolderStream::RemoveEntry(IString* name) {
+  const int index = Find(name);
+  if (index < 0) return E_FAIL;
+  m_Entries.erase(m_Entries.begin() + index);
+  m_Image.clear();
+  return S_OK;
+}
+
+HRESULT CFolderStream::WriteData(IString* name, const void* data, int size, int) {
+  if (size < 0 || static_cast<size_t>(size) > kMaxFileBytes) return E_INVALIDARG;
+  if (size > 0 && !data) return E_POINTER;
+  std::vector<uint8_t> bytes;
+  try {
+    const uint8_t* p = static_cast<const uint8_t*>(data);
+    if (size > 0) bytes.assign(p, p + size);
+  } catch (...) {
+    return E_FAIL;
+  }
+  HRESULT hr;
+  Entry* e = Place(name, &hr);
+  if (!e) return hr;
+  e->type = TYPE_DATA;
+  e->data.swap(bytes);
+  return S_OK;
+}
+
+HRESULT CFolderStream::WriteString(IString* name, IString* value) {
+  Entry staged;
+  staged.type = TYPE_STRING;
+  if (value) {
+    SmartPtr<IVariant> variant = QueryAs<IVariant>(value);
+    if (variant && !variant->IsString() && variant->get_Type() == VARIANT_INTEGER) {
+      staged.type = TYPE_INT32;
+      staged.integer = variant->get_Integer();
+    } else if (variant && !variant->IsString() && variant->get_Type() == VARIANT_DOUBLE) {
+      staged.type = TYPE_DOUBLE;
+      staged.number = variant->get_Double();
+    } else if (!streams::TextOf(value, &staged.text)) {
+      return E_INVALIDARG;
+    }
+  }
+  HRESULT hr;
+  Entry* e = Place(name, &hr);
+  if (!e) return hr;
+  staged.name = e->name;
+  *e = std::move(staged);
+  return S_OK;
+}
+
+HRESULT CFolderStream::WriteObject(IString* name, IUnknown* object, int options) {
+  if (!object) return E_POINTER;
+  SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(object);
+  if (!persist) return E_INVALIDARG;
+  CFolderStream* child = NewChild();
+  if (!child) return E_FAIL;
+  SmartPtr<CFolderStream> holder;
+  holder.Attach(child);
+  const HRESULT saved = persist->Save(AsDataStream(child), options);
+  if (saved < 0) return saved;
+  HRESULT hr;
+  Entry* e = Place(name, &hr);
+  if (!e) return hr;
+  e->type = TYPE_OBJECT;
+  e->text = streams::ObjectNameOf(object);
+  e->folder = child;
+  return S_OK;
+}
+
+HRESULT CFolderStream::WriteValue(IString* name, void* value, int type) {
+  if (!value) return E_POINTER;
+  if (type != FOLDER_INT32 && type != FOLDER_DOUBLE) return E_INVALIDARG;
+  HRESULT hr;
+  Entry* e = Place(name, &hr);
+  if (!e) return hr;
+  if (type == FOLDER_INT32) {
+    e->type = TYPE_INT32;
+    std::memcpy(&e->integer, value, 4);
+  } else {
+    e->type = TYPE_DOUBLE;
+    std::memcpy(&e->number, value, 8);
+  }
+  return S_OK;
+}
+
+HRESULT CFolderStream::GetEntryInfo(IString* name, int* type, int* size) {
+  const int index = Find(name);
+  if (index < 0) return E_FAIL;
+  const Entry& e = m_Entries[index];
+  if (type) *type = e.type;
+  if (size) {
+    switch (e.type) {
+      case TYPE_DATA: *size = static_cast<int>(e.data.size()); break;
+      case TYPE_STRING: *size = static_cast<int>(e.text.size() * 4); break;
+      case TYPE_INT32: *size = 4; break;
+      case TYPE_DOUBLE: *size = 8; break;
+      default: *size = e.folder ? static_cast<int>(e.folder->m_Entries.size()) : 0;
+    }
+  }
+  return S_OK;
+}
+
+HRESULT CFolderStream::ReadData(IString* name, void* data, int size, int) {
+  if (!data) return E_POINTER;
+  const int index = Find(name);
+  if (index < 0) return E_FAIL;
+  const Entry& e = m_Entries[index];
+  // A block of another size is not taken at all: nothing is partly read.
+  if (e.type == TYPE_DATA && e.data.size() == static_cast<size_t>(size)) {
+    if (size > 0) std::memcpy(data, e.data.data(), e.data.size());
+    return S_OK;
+  }
+  if (e.type == TYPE_INT32 && size == 4) {
+    std::memcpy(data, &e.integer, 4);
+    return S_OK;
+  }
+  if (e.type == TYPE_DOUBLE && size == 8) {
+    std::memcpy(data, &e.number, 8);
+    return S_OK;
+  }
+  return E_FAIL;
+}
+
+HRESULT CFolderStream::ReadString(IString* name, IString* out) {
+  if (!out) return E_POINTER;
+  const int index = Find(name);
+  if (index < 0) return E_FAIL;
+  const Entry& e = m_Entries[index];
+  if (e.type != TYPE_STRING && e.type != TYPE_INT32 && e.type != TYPE_DOUBLE) return E_FAIL;
+  if (SmartPtr<ICreatableString> text = QueryAs<ICreatableString>(out)) {
+    const std::wstring value = e.type == TYPE_STRING ? e.text : NumberText(e);
+    return text->SetString(static_cast<int>(value.size()), value.c_str());
+  }
+  if (SmartPtr<IVariant> variant = QueryAs<IVariant>(out)) {
+    if (e.type == TYPE_INT32) return variant->put_Integer(e.integer);
+    if (e.type == TYPE_DOUBLE) return variant->put_Double(e.number);
+    SmartPtr<CHostString> text;
+    text.Attach(CHostString::Create(e.text));
+    return variant->put_String(text.get());
+  }
+  return E_INVALIDARG;
+}
+
+HRESULT CFolderStream::OpenSubStream(IString* name, int, IDataStream** out) {
+  if (!out) return E_POINTER;
+  *out = nullptr;
+  const int index = Find(name);
+  if (index < 0) return E_FAIL;
+  const Entry& e = m_Entries[index];
+  if (!e.folder) return E_FAIL;
+  e.folder->AddRef();
+  *out = AsDataStream(e.folder.get());
+  return S_OK;
+}
+
+HRESULT CFolderStream::ReadObject(IString* name, void** out, int options) {
+  if (!out) return E_POINTER;
+  const int index = Find(name);
+  if (index < 0) return E_FAIL;
+  const Entry& e = m_Entries[index];
+  if (!e.folder) return E_FAIL;
+  SmartPtr<CFolderStream> content(e.folder.get());  // kept alive while the object loads
+  IUnknown* existing = static_cast<IUnknown*>(*out);
+  if (existing) {
+    SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(existing);
+    if (!persist) return E_NOINTERFACE;
+    const HRESULT hr = persist->Load(AsDataStream(content.get()), options);
+    return hr < 0 ? hr : S_OK;
+  }
+  if (e.type == TYPE_FOLDER || e.text.empty()) {
+    // A plain sub-stream (or an object without a name): the stream itself.
+    content->AddRef();
+    *out = static_cast<IUnknown*>(static_cast<IFolderStream*>(content.get()));
+    return S_OK;
+  }
+  SmartPtr<IDataPersist> persist = PeerCreate<IDataPersist>(e.text.c_str());
+  if (!persist) return E_FAIL;
+  const HRESULT hr = persist->Load(AsDataStream(content.get()), options);
+  if (hr < 0) return hr;
+  void* unknown = nullptr;
+  if (persist->QueryInterface(IID_IUnknown, &unknown) < 0 || !unknown) return E_FAIL;
+  *out = unknown;
+  return S_OK;
+}
+
+HRESULT CFolderStream::ReadValue(IString* name, void* value, int type) {
+  if (!value) return E_POINTER;
+  const int index = Find(name);
+  if (index < 0) return E_FAIL;
+  const Entry& e = m_Entries[index];
+  if (type == FOLDER_INT32) {
+    if (e.type == TYPE_INT32) std::memcpy(value, &e.integer, 4);
+    else if (e.type == TYPE_DATA && e.data.size() == 4) std::memcpy(value, e.data.data(), 4);
+    else return E_FAIL;
+    return S_OK;
+  }
+  if (type == FOLDER_DOUBLE) {
+    if (e.type == TYPE_DOUBLE) {
+      std::memcpy(value, &e.number, 8);
+    } else if (e.type == TYPE_INT32) {
+      const double widened = e.integer;
+      std::memcpy(value, &widened, 8);
+    } else if (e.type == TYPE_DATA && e.data.size() == 8) {
+      std::memcpy(value, e.data.data(), 8);
+    } else {
+      return E_FAIL;
+    }
+    return S_OK;
+  }
+  return E_INVALIDARG;
+}
+
+// ------------------------------------------------------------------ IFileArchive
+
+HRESULT CFolderStream::get_Filename(IString** name) {
+  if (!name) return E_POINTER;
+  *name = nullptr;
+  if (m_Filename.empty()) return E_FAIL;
+  *name = CHostString::Create(m_Filename);
+  return S_OK;
+}
+
+HRESULT CFolderStream::put_Filename(IString* name) {
+  std::wstring text;
+  if (name && !streams::TextOf(name, &text)) return E_INVALIDARG;
+  m_Filename = text;
+  m_Controls[0] = 1;
+  m_Controls[1] = 0;
+  return S_OK;
+}
+
+HRESULT CFolderStream::get_Filter(IString** filter, short) {
+  if (!filter) return E_POINTER;
+  *filter = CHostString::Create(L"Folder stream (*.t*)|*.t*|All Files (*.*)|*.*||");
+  return S_OK;
+}
+
+HRESULT CFolderStream::get_Name(IString** name) {
+  if (!name) return E_POINTER;
+  *name = nullptr;
+  if (m_Filename.empty()) return E_FAIL;
+  const size_t slash = m_Filename.find_last_of(L'/');
+  std::wstring base = slash == std::wstring::npos ? m_Filename : m_Filename.substr(slash + 1);
+  const size_t dot = base.find_last_of(L'.');
+  if (dot != std::wstring::npos && dot > 0) base.resize(dot);
+  *name = CHostString::Create(base);
+  return S_OK;
+}
+
+HRESULT CFolderStream::Load() {
+  if (m_Filename.empty()) return E_FAIL;
+  const std::string path = streams::ToUtf8(m_Filename.data(), m_Filename.size());
+  FILE* file = std::fopen(path.c_str(), "rb");
+  if (!file) return E_FAIL;
+  std::vector<uint8_t> image;
+  bool ok = std::fseek(file, 0, SEEK_END) == 0;
+  const long size = ok ? std::ftell(file) : -1;
+  ok = ok && size >= 0 && static_cast<unsigned long>(size) <= kMaxFileBytes && std::fseek(file, 0, SEEK_SET) == 0;
+  if (ok) {
+    try {
+      image.resize(static_cast<size_t>(size));
+    } catch (...) {
+      ok = false;
+    }
+  }
+  ok = ok && (image.empty() || std::fread(image.data(), 1, image.size(), file) == image.size());
+  std::fclose(file);
+  if (!ok || !LoadImage(image.data(), image.size())) return E_FAIL;
+  m_Controls[0] = 0;
+  m_Controls[1] = 1;
+  return S_OK;
+}
+
+HRESULT CFolderStream::Save() {
+  if (m_Filename.empty()) return E_FAIL;
+  std::vector<uint8_t> image;
+  if (!SaveImage(&image)) return E_FAIL;
+  const std::string path = streams::ToUtf8(m_Filename.data(), m_Filename.size());
+  FILE* file = std::fopen(path.c_str(), "wb");
+  if (!file) return E_FAIL;
+  const bool written = std::fwrite(image.data(), 1, image.size(), file) == image.size();
+  const bool closed = std::fclose(file) == 0;
+  if (!written || !closed) return E_FAIL;
+  m_Controls[0] = 0;
+  m_Controls[1] = 1;
+  return S_OK;
+}
+
+HRESULT CFolderStream::Control(int code, int value) {
+  if (code < 0 || code > 4) return E_INVALIDARG;
+  m_Controls[code] = value;
+  return S_OK;
+}
+
+HRESULT CFolderStream::Inquire(int code, int* value) {
+  if (!value) return E_POINTER;
+  if (code < 0 || code > 4) return E_INVALIDARG;
+  *value = m_Controls[code];
+  return S_OK;
+}
+
+HRESULT CFolderStream::Unload() {
+  m_Entries.clear();
+  m_Image.clear();
+  m_ImagePosition = 0;
+  return S_OK;
+}
+
+// ------------------------------------------------------------------ INamedCollection
+
+HRESULT CFolderStream::get_Count(int* count) {
+  if (!count) return E_POINTER;
+  *count = static_cast<int>(m_Entries.size());
+  return S_OK;
+}
+
+HRESULT CFolderStream::get_Item(int index, IUnknown** item) {
+  if (!item) return E_POINTER;
+  *item = nullptr;
+  if (index < 0 || index >= static_cast<int>(m_Entries.size())) return E_INVALIDARG;
+  const Entry& e = m_Entries[index];
+  if (e.folder) {
+    e.folder->AddRef();
+    *item = static_cast<IUnknown*>(static_cast<IFolderStream*>(e.folder.get()));
+    return S_OK;
+  }
+  if (e.type == TYPE_DATA) {
+    CByteStream* data = new (std::nothrow) CByteStream(CByteStream::KIND_DATA);
+    if (!data) return E_FAIL;
+    if (data->Open(const_cast<uint8_t*>(e.data.data()), static_cast<unsigned long>(e.data.size()), 0) < 0) {
+      data->Release();
+      return E_FAIL;
+    }
+    *item = static_cast<IUnknown*>(static_cast<IDataStream*>(data));
+    return S_OK;
+  }
+  *item = static_cast<IUnknown*>(static_cast<IString*>(
+      CHostString::Create(e.type == TYPE_STRING ? e.text : NumberText(e))));
+  return S_OK;
+}
+
+HRESULT CFolderStream::get_Index(IUnknown* key, int* index) {
+  if (!index) return E_POINTER;
+  *index = Find(key);
+  return *index < 0 ? E_FAIL : S_OK;
+}
+
+HRESULT CFolderStream::get_ItemName(int index, IString** name) {
+  if (!name) return E_POINTER;
+  *name = nullptr;
+  if (index < 0 || index >= static_cast<int>(m_Entries.size())) return E_INVALIDARG;
+  *name = CHostString::Create(m_Entries[index].name);
+  return S_OK;
+}
+
+HRESULT CFolderStream::Rename(int index, IString* name) {
+  if (index < 0 || index >= static_cast<int>(m_Entries.size())) return E_INVALIDARG;
+  std::wstring text;
+  if (!streams::TextOf(name, &text) || text.size() > kMaxNameChars) return E_INVALIDARG;
+  for (size_t i = 0; i < m_Entries.size(); ++i)
+    if (static_cast<int>(i) != index && m_Entries[i].name == text) return E_FAIL;
+  m_Entries[index].name = text;
+  m_Image.clear();
+  return S_OK;
+}
+
+HRESULT CFolderStream::CollectionLock() {
+  ++m_LockCount;
+  return S_OK;
+}
+
+HRESULT CFolderStream::CollectionUnlock() {
+  if (m_LockCount == 0) return S_FALSE;
+  --m_LockCount;
+  return S_OK;
+}
+
+// ------------------------------------------------------------------ listing
+
+void CFolderStream::Dump(std::wstring* out, int indent) const {
+  for (const Entry& e : m_Entries) {
+    out->append(static_cast<size_t>(indent) * 2, L' ');
+    *out += e.name;
+    switch (e.type) {
+      case TYPE_DATA: *out += L": data[" + std::to_wstring(e.data.size()) + L"]\n"; break;
+      case TYPE_STRING: *out += L": string = " + e.text + L"\n"; break;
+      case TYPE_INT32: *out += L": int32 = " + NumberText(e) + L"\n"; break;
+      case TYPE_DOUBLE: *out += L": double = " + NumberText(e) + L"\n"; break;
+      case TYPE_OBJECT: *out += L": object " + e.text + L"\n"; break;
+      default: *out += L": folder\n";
+    }
+    if (e.folder) e.folder->Dump(out, indent + 1);
+  }
+}
+
+HRESULT CFolderStream::GetString(const wchar_t** text, int* length) {
+  try {
+    m_Listing.clear();
+    Dump(&m_Listing, 0);
+  } catch (...) {
+    m_Listing.clear();
+    return E_FAIL;
+  }
+  if (text) *text = m_Listing.c_str();
+  if (length) *length = static_cast<int>(m_Listing.size());
+  return S_OK;
+}
