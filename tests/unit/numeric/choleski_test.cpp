@@ -1,0 +1,145 @@
+#include "numeric/CholeskiLeastSquares.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "tests/unit/numeric/NumericTestSupport.h"
+
+#ifdef ZELTRIM_HAVE_LAPACKE
+#include <lapacke.h>
+#endif
+
+using numeric_test::RandomMatrix;
+
+namespace {
+
+const double kAgreementTol = 1e-9;
+
+// Least squares by Householder QR (row-major a, m x n, m >= n), independent of the
+// normal equations.
+std::vector<double> QrLeastSquares(std::vector<double> a, std::vector<double> b, int m, int n) {
+  for (int k = 0; k < n; ++k) {
+    double norm = 0.0;
+    for (int i = k; i < m; ++i) norm += a[i * n + k] * a[i * n + k];
+    norm = std::sqrt(norm);
+    const double alpha = a[k * n + k] > 0 ? -norm : norm;
+    std::vector<double> v(m, 0.0);
+    for (int i = k; i < m; ++i) v[i] = a[i * n + k];
+    v[k] -= alpha;
+    double vv = 0.0;
+    for (int i = k; i < m; ++i) vv += v[i] * v[i];
+    for (int j = k; j < n; ++j) {
+      double s = 0.0;
+      for (int i = k; i < m; ++i) s += v[i] * a[i * n + j];
+      for (int i = k; i < m; ++i) a[i * n + j] -= 2.0 * s / vv * v[i];
+    }
+    double s = 0.0;
+    for (int i = k; i < m; ++i) s += v[i] * b[i];
+    for (int i = k; i < m; ++i) b[i] -= 2.0 * s / vv * v[i];
+  }
+  std::vector<double> x(n);
+  for (int k = n - 1; k >= 0; --k) {
+    double s = b[k];
+    for (int j = k + 1; j < n; ++j) s -= a[k * n + j] * x[j];
+    x[k] = s / a[k * n + k];
+  }
+  return x;
+}
+
+// Exposes the fields of the base, as the model classes that inherit it see them.
+struct Solver : CholeskiLeastSquares {
+  bool Empty() const { return n == 0 && m == 0 && !normal && !rhs && !inverseDiagonal; }
+};
+
+TEST(CholeskiLeastSquares, AgreesWithQrOnOverdeterminedSystems) {
+  const int sizes[][2] = {{2, 3}, {8, 16}, {11, 40}, {9, 200}, {3, 3}};
+  unsigned seed = 11;
+  for (const auto& s : sizes) {
+    const int n = s[0], m = s[1];
+    std::vector<double> a = RandomMatrix(m, n, ++seed);
+    std::vector<double> b = RandomMatrix(m, 1, ++seed);
+    std::vector<double> x(n, 0.0);
+    Solver solver;
+    ASSERT_EQ(solver.CLSCholeski(a.data(), b.data(), x.data(), static_cast<short>(n), static_cast<short>(m)), S_OK);
+    EXPECT_TRUE(solver.Empty()) << "buffers released after the solve";
+    std::vector<double> ref = QrLeastSquares(a, b, m, n);
+    for (int j = 0; j < n; ++j) EXPECT_NEAR(x[j], ref[j], kAgreementTol) << n << " x " << m;
+
+#ifdef ZELTRIM_HAVE_LAPACKE
+    std::vector<double> la = a, lb = b;
+    ASSERT_EQ(LAPACKE_dgels(LAPACK_ROW_MAJOR, 'N', m, n, 1, la.data(), n, lb.data(), 1), 0);
+    for (int j = 0; j < n; ++j) EXPECT_NEAR(x[j], lb[j], kAgreementTol) << "LAPACK " << n << " x " << m;
+#endif
+  }
+}
+
+TEST(CholeskiLeastSquares, HandWorkedLineFit) {
+  // y = 2 x + 1 through four exact points, unknowns (slope, intercept).
+  double a[8] = {0, 1, 1, 1, 2, 1, 3, 1};
+  double b[4] = {1, 3, 5, 7};
+  double x[2] = {0, 0};
+  CholeskiLeastSquares solver;
+  ASSERT_EQ(solver.CLSCholeski(a, b, x, 2, 4), S_OK);
+  EXPECT_NEAR(x[0], 2.0, 1e-13);
+  EXPECT_NEAR(x[1], 1.0, 1e-13);
+}
+
+TEST(CholeskiLeastSquares, VanishingPivotFails) {
+  Solver solver;
+  double x[3] = {5, 5, 5};
+  // Third column = first + second: exactly singular normal matrix.
+  double dependent[12] = {1, 2, 3, 2, 1, 3, 0, 1, 1, 4, 0, 4};
+  double b[4] = {1, 2, 3, 4};
+  EXPECT_EQ(solver.CLSCholeski(dependent, b, x, 3, 4), E_FAIL);
+  EXPECT_TRUE(solver.Empty());
+
+  // More unknowns than equations, integer data: the last pivot is exactly zero.
+  double wide[6] = {1, 0, 1, 0, 1, 1};
+  EXPECT_EQ(solver.CLSCholeski(wide, b, x, 3, 2), E_FAIL);
+  EXPECT_TRUE(solver.Empty());
+
+  // A solve after a failure works again.
+  double a[4] = {2, 0, 0, 4};
+  double rhs[2] = {2, 2};
+  ASSERT_EQ(solver.CLSCholeski(a, rhs, x, 2, 2), S_OK);
+  EXPECT_EQ(x[0], 1.0);
+  EXPECT_EQ(x[1], 0.5);
+}
+
+TEST(CholeskiLeastSquares, BadArgumentsAndSixteenBitCounts) {
+  Solver solver;
+  double a[4] = {1, 0, 0, 1}, b[2] = {1, 1}, x[2] = {7, 7};
+  EXPECT_EQ(solver.CLSCholeski(nullptr, b, x, 2, 2), E_POINTER);
+  EXPECT_EQ(solver.CLSCholeski(a, nullptr, x, 2, 2), E_POINTER);
+  EXPECT_EQ(solver.CLSCholeski(a, b, nullptr, 2, 2), E_POINTER);
+  EXPECT_EQ(solver.CLSCholeski(a, b, x, 0, 2), E_POINTER);
+  EXPECT_EQ(solver.CLSCholeski(a, b, x, 2, 0), E_POINTER);
+  // 2 * 20000 equations arrive through the 16-bit count as a negative number.
+  const int equations = 2 * 20000;
+  EXPECT_EQ(solver.CLSCholeski(a, b, x, 2, static_cast<short>(equations)), E_POINTER);
+  EXPECT_EQ(x[0], 7.0);
+  EXPECT_EQ(x[1], 7.0);
+  EXPECT_TRUE(solver.Empty());
+  EXPECT_EQ(solver.CLSFree(), S_OK);  // harmless when empty
+}
+
+TEST(CholeskiLeastSquares, LargestSixteenBitEquationCount) {
+  // 32767 equations is the largest count a 16-bit field holds: y = 3 - x sampled densely.
+  const int m = 32767;
+  std::vector<double> a(2 * m), b(m);
+  for (int i = 0; i < m; ++i) {
+    const double t = i / 1000.0;
+    a[2 * i] = t;
+    a[2 * i + 1] = 1.0;
+    b[i] = 3.0 - t;
+  }
+  double x[2];
+  CholeskiLeastSquares solver;
+  ASSERT_EQ(solver.CLSCholeski(a.data(), b.data(), x, 2, static_cast<short>(m)), S_OK);
+  EXPECT_NEAR(x[0], -1.0, 1e-9);
+  EXPECT_NEAR(x[1], 3.0, 1e-9);
+}
+
+}  // namespace
