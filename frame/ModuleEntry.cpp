@@ -1,4 +1,6 @@
 // The module's two exported entry points and its table of creatable objects.
+#include "calibration/CalibrationBestFit.h"
+#include "calibration/CalibrationFitAndFilter.h"
 #include "calibration/CameraLinearCalibration.h"
 #include "frame/Components.h"
 #include "geometry/TransformBestFit.h"
@@ -17,9 +19,9 @@ struct CreatableObject {
 
 // Tested in this order; names compare exactly, case included.
 const CreatableObject kCreatableObjects[] = {
-    {L"CalibrationBestFit", 18, nullptr},
+    {L"CalibrationBestFit", 18, &CObject<CCalibrationBestFit>::_CreateInstance},
     {L"CalibrationDistortionRadial", 27, nullptr},
-    {L"CalibrationFitAndFilter", 23, nullptr},
+    {L"CalibrationFitAndFilter", 23, &CObject<CCalibrationFitAndFilter>::_CreateInstance},
     {L"CalibrationFisheye", 18, nullptr},
     {L"CalibrationInfoPropPage", 23, nullptr},
     {L"CalibrationMatrixPropPage", 25, nullptr},

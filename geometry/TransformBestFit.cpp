@@ -10,6 +10,7 @@
 #include "numeric/MatrixSVD.h"
 #include "numeric/MatrixUtils.h"
 #include "numeric/MatrixVariance.h"
+#include "persist/ParametricImpl.h"
 
 const tagREFString CTransformBestFit::m_ObjectName = {16, L"TransformBestFit"};
 
@@ -53,7 +54,10 @@ double Length(const double* v) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[
 
 }  // namespace
 
-CTransformBestFit::CTransformBestFit() { Identity(m_Matrix); }
+CTransformBestFit::CTransformBestFit() {
+  Identity(m_Matrix);
+  m_Filter = ISCreate(L"Calibration (*.cal)|*.cal|All Files (*.*)|*.*||");
+}
 
 HRESULT CTransformBestFit::QueryInterface(const IID& iid, void** object) {
   if (!object) return E_POINTER;
@@ -66,6 +70,7 @@ HRESULT CTransformBestFit::QueryInterface(const IID& iid, void** object) {
       QueryRoute(iid, IID_IHomogeneousTransform, main, object) ||
       QueryRoute(iid, IID_ITransform, static_cast<ITransform*>(main), object) ||
       QueryRoute(iid, IID_IDataPersist, static_cast<IDataPersist*>(this), object) ||
+      QueryRoute(iid, IID_IFileArchive, static_cast<IFileArchive*>(this), object) ||
       QueryRoute(iid, IID_IParametricObject, static_cast<IParametricObject*>(this), object) ||
       QueryRoute(iid, IID_IUIPropertyPageSpecify, static_cast<IUIPropertyPageSpecify*>(this), object))
     return S_OK;
@@ -343,10 +348,9 @@ HRESULT CTransformBestFit::GetPages(int, INamedCollection** pages, IUnknown**) {
   SmartPtr<ISuperCollection> list;
   list.Attach(CREFString::CreateCollection());
   if (!list) return E_FAIL;
-  SmartPtr<IString> empty = NewString(L"");
-  list->Add(empty, NewString(L"Zeltrim.CalibrationInfoPropPage"), nullptr, 0);
-  list->Add(nullptr, NewString(L"UIPropPages.UIParametricObjectPropPage"), NewString(L"TransformBestFit"), 0);
-  list->Add(empty, NewString(L"UIPropPages.UIFileArchivePropPage"), nullptr, 0);
+  AddPage(list, L"", L"Zeltrim.CalibrationInfoPropPage");
+  AddPage(list, nullptr, L"UIPropPages.UIParametricObjectPropPage", NewString(L"TransformBestFit"));
+  AddPage(list, L"", L"UIPropPages.UIFileArchivePropPage");
   *pages = list.Detach();
   return S_OK;
 }
@@ -357,17 +361,10 @@ HRESULT CTransformBestFit::GetParameters(INamedCollection** parameters, int) {
   SmartPtr<IParametersCreatable> list;
   list.Attach(BASEObject::CreateParameters());
   if (!list) return E_FAIL;
-  const struct {
-    const wchar_t* name;
-    double value;
-  } items[] = {{L"SDError", SDError}, {L"Error", Error}, {L"MaxError", MaxError}};
-  for (const auto& item : items) {
-    SmartPtr<IVariant> value;
-    value.Attach(CREFString::CreateVariant());
-    if (!value) return E_FAIL;
-    value->put_Double(item.value);
-    list->Add(NewString(item.name), value, nullptr, 0x40005);
-  }
+  // Read-only doubles.
+  AddDoubleParameter(list, L"SDError", SDError, 0x40005);
+  AddDoubleParameter(list, L"Error", Error, 0x40005);
+  AddDoubleParameter(list, L"MaxError", MaxError, 0x40005);
   *parameters = list.Detach();
   return S_OK;
 }
@@ -379,7 +376,7 @@ HRESULT CTransformBestFit::Save(IDataStream* stream, int) {
     folder->WriteData(NewString(L"Error"), &Error, sizeof(double), 0);
     folder->WriteData(NewString(L"MaxError"), &MaxError, sizeof(double), 0);
     folder->WriteData(NewString(L"SDError"), &SDError, sizeof(double), 0);
-    folder->WriteString(NewString(L"FileName"), m_FileName);
+    folder->WriteString(NewString(L"FileName"), m_Filename);
     return S_OK;
   }
   if (SmartPtr<IXMLStream> xml = QueryAs<IXMLStream>(stream)) {
@@ -407,7 +404,9 @@ HRESULT CTransformBestFit::Load(IDataStream* stream, int) {
     SmartPtr<IString> name;
     name.Attach(ISCreate(static_cast<const wchar_t*>(nullptr)));
     folder->ReadString(NewString(L"FileName"), name);
-    m_FileName = name.get();
+    IString* old = m_Filename;
+    m_Filename = name.Detach();
+    if (old) old->Release();
     return S_OK;
   }
   SmartPtr<IXMLStream> xml = QueryAs<IXMLStream>(stream);

@@ -12,12 +12,14 @@
 
 #include "frame/Object.h"
 #include "numeric/CholeskiLeastSquares.h"
+#include "persist/FileArchiveImpl.h"
 
 class CTransformBestFit : public CObject<CTransformBestFit>,
                           public IObjectInfoImpl<CTransformBestFit>,
                           public IHomogeneousTransform,
                           public ITransformBestFit,
                           public ITransformFitErrors,
+                          public IFileArchiveImpl<CTransformBestFit, IFileArchive>,
                           public IUIPropertyPageSpecify,
                           public IDataPersist,
                           public IParametricObject,
@@ -46,7 +48,6 @@ class CTransformBestFit : public CObject<CTransformBestFit>,
   double MaxError = 0;  // largest residual
   double SDError = 0;   // standard deviation of the residuals
   double m_Matrix[16];
-  SmartPtr<IString> m_FileName;
 
  private:
   HRESULT FitTwoPoints(ISimpleCollection* source, ISimpleCollection* target, int method);
