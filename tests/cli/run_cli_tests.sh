@@ -51,6 +51,35 @@ check bad-number 2 "not a number" -- "$zeltrim" linear 1,abc
 printf '1 2\n1 x\n' >bad.txt
 check bad-stdin-line 2 "line 2: not a number" -- bash -c "\"$zeltrim\" linear <bad.txt"
 
+# fit: a flat square moved by (10, 20) is a plane homography that is a pure translation.
+printf '0 0\n10 0\n10 10\n0 10\n5 5\n' >src.txt
+printf '10 20\n20 20\n20 30\n10 30\n15 25\n' >dst.txt
+check fit-help 0 "--filter" -- "$zeltrim" fit --help
+check fit-translation 0 "translation: 10 20 0" -- "$zeltrim" fit src.txt dst.txt
+check fit-save-csv 0 "saved" -- "$zeltrim" fit src.txt dst.txt --save out.csv
+if [ "$(head -c 2 out.csv | od -An -tx1 | tr -d ' ')" = "fffe" ]; then echo "ok   fit-csv-mark"; passed=$((passed + 1));
+else echo "FAIL fit-csv-mark"; failed=$((failed + 1)); fi
+check fit-save-xml 0 "saved" -- "$zeltrim" fit src.txt dst.txt --save out.xml
+check fit-save-folder 0 "saved" -- "$zeltrim" fit src.txt dst.txt --save out.tCAL
+check fit-save-unknown 1 "cannot save" -- "$zeltrim" fit src.txt dst.txt --save out.dat
+# One pair far off among eight good ones: the filter drops line 6 (and with it any pair
+# whose residual came within a tenth of the largest), then accepts the refit.
+printf '0 0\n10 0\n20 0\n0 10\n10 10\n20 10\n0 20\n10 20\n20 20\n' >grid.txt
+printf '1 2\n11 2\n21 2\n1 12\n11 12\n61 12\n1 22\n11 22\n21 22\n' >moved.txt
+check fit-filter 0 "filter: accepted" -- "$zeltrim" fit grid.txt moved.txt --filter --allowable 0.001
+check fit-filter-drops 0 "dropped: 6" -- "$zeltrim" fit grid.txt moved.txt --filter --allowable 0.001
+printf '1 2\n3\n' >broken.txt
+check fit-missing-number 2 "line 2: expected x y or x y z" -- "$zeltrim" fit broken.txt dst.txt
+printf '1 2\n' >one.txt
+check fit-one-point 2 "at least 2 point pairs" -- "$zeltrim" fit one.txt one.txt
+check fit-length-mismatch 2 "differ in length: 5 and 1" -- "$zeltrim" fit src.txt one.txt
+check fit-missing-file 2 "cannot read" -- "$zeltrim" fit nowhere.txt dst.txt
+check fit-one-file 2 "needs a SOURCE and a TARGET" -- "$zeltrim" fit src.txt
+check fit-bad-method 2 "--method needs a whole number" -- "$zeltrim" fit src.txt dst.txt --method x
+# Every source point the same: no transform can be determined.
+printf '1 1\n1 1\n1 1\n1 1\n1 1\n' >same.txt
+check fit-degenerate 1 "degenerate" -- "$zeltrim" fit same.txt src.txt
+
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.
 bin_dir=$(dirname "$zeltrim")

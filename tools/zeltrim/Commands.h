@@ -15,9 +15,11 @@ struct CommandContext {
 
 int RunObjects(CommandContext& context);
 int RunLinear(CommandContext& context);
+int RunFit(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
+extern const char* const kFitHelp;
 
 // Prints "zeltrim: <message>" on standard error and returns `status`.
 int Fail(const std::string& message, int status = 2);

@@ -16,6 +16,7 @@ const char* const kUsage =
     "Commands:\n"
     "  objects   list the objects the module creates, and whether this build has each\n"
     "  linear    convert or revert points with a hand-set linear calibration\n"
+    "  fit       fit a best-fit calibration between two point files\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -27,6 +28,7 @@ struct Command {
 const Command kCommands[] = {
     {"objects", &RunObjects, &kObjectsHelp},
     {"linear", &RunLinear, &kLinearHelp},
+    {"fit", &RunFit, &kFitHelp},
 };
 
 }  // namespace

@@ -1,0 +1,217 @@
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+#include "tools/zeltrim/Commands.h"
+#include "tools/zeltrim/PointText.h"
+
+const char* const kFitHelp =
+    "usage: zeltrim fit SOURCE TARGET [options]\n"
+    "Fits a best-fit calibration from the points of SOURCE to those of TARGET (one point\n"
+    "per line, \"x y\" or \"x y z\"; '#' lines and blank lines skipped; line i of one file\n"
+    "pairs with line i of the other) and prints the forward matrix, the fit errors, and the\n"
+    "translation, scale and Euler angles read out of the matrix.\n"
+    "Options:\n"
+    "  --method N          fit method: 0 affine, or plane homography for a flat source\n"
+    "                      (default); 1 rigid; 2 rigid with scale; 3, 4 the eigenvector forms\n"
+    "  --filter            drop outlying pairs by fit and filter, and list them\n"
+    "  --allowable E       mean error that ends the filter (default 5)\n"
+    "  --max-iterations N  fit rounds of the filter at most (default 10)\n"
+    "  --min-points N      the filter keeps at least this many pairs (default 4)\n"
+    "  --save FILE         save the calibration; the extension picks the form:\n"
+    "                      .csv text matrices, .xml XML, .t... (e.g. .tCAL) folder stream\n";
+
+namespace {
+
+struct FitSettings {
+  std::string source, target, save;
+  int method = 0;
+  bool filter = false;
+  double allowable = 5.0;
+  int maxIterations = 10;
+  int minPoints = 4;
+};
+
+bool ParseInt(const std::string& text, int* value) {
+  char* end = nullptr;
+  const long v = std::strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || v < -1000000 || v > 1000000) return false;
+  *value = static_cast<int>(v);
+  return true;
+}
+
+bool ParseSettings(const CommandContext& context, FitSettings* s, std::string* error) {
+  const std::vector<std::string>& args = context.args;
+  std::vector<std::string> files;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    const bool hasValue = i + 1 < args.size();
+    if (a == "--filter") {
+      s->filter = true;
+    } else if (a == "--method") {
+      if (!hasValue || !ParseInt(args[++i], &s->method)) return *error = "--method needs a whole number", false;
+    } else if (a == "--max-iterations") {
+      if (!hasValue || !ParseInt(args[++i], &s->maxIterations))
+        return *error = "--max-iterations needs a whole number", false;
+    } else if (a == "--min-points") {
+      if (!hasValue || !ParseInt(args[++i], &s->minPoints)) return *error = "--min-points needs a whole number", false;
+    } else if (a == "--allowable") {
+      if (!hasValue || !ParseNumbers(args[++i], 1, &s->allowable)) return *error = "--allowable needs a number", false;
+    } else if (a == "--save") {
+      if (!hasValue) return *error = "--save needs a file name", false;
+      s->save = AbsolutePath(args[++i], context.startDir);
+    } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
+      return *error = "unknown option " + a, false;
+    } else {
+      files.push_back(AbsolutePath(a, context.startDir));
+    }
+  }
+  if (files.size() != 2) return *error = "fit needs a SOURCE and a TARGET point file", false;
+  s->source = files[0];
+  s->target = files[1];
+  return true;
+}
+
+bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::string* error) {
+  std::ifstream in(path);
+  if (!in) return *error = "cannot read " + path, false;
+  std::string why;
+  if (!ReadPoints(in, points, &why)) return *error = path + ", " + why, false;
+  return true;
+}
+
+SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points) {
+  SmartPtr<IPointsCollection> collection;
+  void* p = nullptr;
+  const IID& iid = IID_IPointsCollection;
+  if (host.Components()->CreateComponent(16, L"PointsCollection", &iid, &p) >= 0 && p)
+    collection.Attach(static_cast<IPointsCollection*>(p));
+  if (!collection) return SmartPtr<ISimpleCollection>();
+  for (const Point3& pt : points) collection->AddPoint(pt.x, pt.y, pt.z);
+  return SmartPtr<ISimpleCollection>(collection.get());
+}
+
+// Determinant of a 4 x 4 matrix by elimination with partial pivoting.
+double Determinant4(const double* m) {
+  double a[16];
+  for (int i = 0; i < 16; ++i) a[i] = m[i];
+  double det = 1;
+  for (int c = 0; c < 4; ++c) {
+    int pivot = c;
+    for (int r = c + 1; r < 4; ++r)
+      if (std::fabs(a[4 * r + c]) > std::fabs(a[4 * pivot + c])) pivot = r;
+    if (a[4 * pivot + c] == 0) return 0;
+    if (pivot != c) {
+      for (int k = 0; k < 4; ++k) std::swap(a[4 * c + k], a[4 * pivot + k]);
+      det = -det;
+    }
+    det *= a[4 * c + c];
+    for (int r = c + 1; r < 4; ++r) {
+      const double f = a[4 * r + c] / a[4 * c + c];
+      for (int k = c; k < 4; ++k) a[4 * r + k] -= f * a[4 * c + k];
+    }
+  }
+  return det;
+}
+
+SmartPtr<IUnknown> Item(ISimpleCollection* c, int i) {
+  SmartPtr<IUnknown> item;
+  c->get_Item(i, item.Out());
+  return QueryAs<IUnknown>(item);
+}
+
+}  // namespace
+
+int RunFit(CommandContext& context) {
+  FitSettings s;
+  std::string error;
+  if (!ParseSettings(context, &s, &error)) return Fail(error);
+  std::vector<Point3> source, target;
+  if (!ReadPointFile(s.source, &source, &error) || !ReadPointFile(s.target, &target, &error)) return Fail(error);
+  if (source.size() != target.size())
+    return Fail("the point files differ in length: " + std::to_string(source.size()) + " and " +
+                std::to_string(target.size()) + " points");
+  if (source.size() < 2) return Fail("a fit needs at least 2 point pairs, the files hold " + std::to_string(source.size()));
+
+  ModuleHost& host = *context.host;
+  SmartPtr<ICalibrationBestFit> calibration = host.Create<ICalibrationBestFit>(L"CalibrationBestFit");
+  if (!calibration) return Fail("CalibrationBestFit: " + host.Error(), 1);
+  SmartPtr<ISimpleCollection> a = MakeCollection(host, source), b = MakeCollection(host, target);
+  if (!a || !b) return Fail("the host cannot make point collections", 1);
+
+  std::printf("CalibrationBestFit: %zu point pairs, method %d\n", source.size(), s.method);
+  if (s.filter) {
+    SmartPtr<ICalibrationFitAndFilter> filter = host.Create<ICalibrationFitAndFilter>(L"CalibrationFitAndFilter");
+    if (!filter) return Fail("CalibrationFitAndFilter: " + host.Error(), 1);
+    filter->SetFitMethod(s.method, s.maxIterations, s.allowable);
+    filter->SetMinNbPoints(s.minPoints);
+    SmartPtr<ISimpleCollection> keptA, keptB;
+    const HRESULT hr = filter->BestFit(calibration, a, b, keptA.Out(), keptB.Out());
+    if (hr < 0) return Fail("fit and filter failed", 1);
+    std::printf("filter: %s\n", hr == S_OK ? "accepted" : "not accepted (mean error above --allowable)");
+    if (keptA) {
+      int kept = 0;
+      keptA->get_Count(&kept);
+      std::printf("kept %d of %zu pairs; dropped:", kept, source.size());
+      int next = 0, dropped = 0;
+      for (int i = 0; i < static_cast<int>(source.size()); ++i) {
+        if (next < kept && Item(keptA, next).get() == Item(a, i).get()) {
+          ++next;
+          continue;
+        }
+        std::printf(" %d", i + 1);
+        ++dropped;
+      }
+      std::printf("%s\n", dropped ? "  (line numbers among the points)" : " none");
+    } else {
+      std::printf("the filter would go below --min-points; the calibration holds its last fit\n");
+    }
+  } else {
+    calibration->BestFit(a, b, s.method);
+  }
+
+  SmartPtr<ITransform> forward;
+  calibration->GetForwardTransform(forward.Out());
+  SmartPtr<IHomogeneousTransform> matrix = QueryAs<IHomogeneousTransform>(forward);
+  double* m = nullptr;
+  if (!matrix || matrix->GetMatrix(&m, nullptr, nullptr) < 0 || !m) return Fail("the fit gave no matrix", 1);
+  // A singular or non-finite matrix means the points did not determine the transform.
+  const double det = Determinant4(m);
+  const bool degenerate = !std::isfinite(det) || std::fabs(det) < 1e-300;
+  std::printf("forward matrix (a point is the row [x y z 1] times the matrix):\n");
+  for (int r = 0; r < 4; ++r)
+    std::printf("  %14.8g %14.8g %14.8g %14.8g\n", m[4 * r], m[4 * r + 1], m[4 * r + 2], m[4 * r + 3]);
+  double mean = 0, largest = 0, sd = 0;
+  if (SmartPtr<ITransformFitErrors> errors = QueryAs<ITransformFitErrors>(calibration))
+    errors->GetFitErrors(&mean, &largest, &sd);
+  std::printf("errors (target units): mean %.6g  largest %.6g  standard deviation %.6g\n", mean, largest, sd);
+
+  if (SmartPtr<ITransformInterrogate> ask = host.Create<ITransformInterrogate>(L"TransformInterrogate")) {
+    double x = 0, y = 0, z = 0;
+    ask->GetTranslation(matrix, &x, &y, &z);
+    std::printf("translation: %.8g %.8g %.8g\n", x, y, z);
+    ask->GetScale(matrix, &x, &y, &z);
+    std::printf("scale: %.8g %.8g %.8g\n", x, y, z);
+    ask->GetEulerAngles(matrix, 0, &x, &y, &z);
+    const double degrees = 180.0 / 3.14159265358979323846;
+    std::printf("euler angles (degrees): %.6g %.6g %.6g\n", x * degrees, y * degrees, z * degrees);
+  }
+  if (degenerate) return Fail("the fit is degenerate (the points do not determine the transform)", 1);
+
+  if (!s.save.empty()) {
+    SmartPtr<IFileArchive> archive = QueryAs<IFileArchive>(calibration);
+    SmartPtr<ICreatableString> name;
+    void* p = nullptr;
+    const IID& iid = IID_ICreatableString;
+    if (host.Components()->CreateComponent(15, L"CreatableString", &iid, &p) >= 0 && p)
+      name.Attach(static_cast<ICreatableString*>(p));
+    if (!archive || !name) return Fail("the calibration cannot be saved here", 1);
+    std::wstring wide(s.save.begin(), s.save.end());
+    name->SetString(static_cast<int>(wide.size()), wide.c_str());
+    archive->put_Filename(name);
+    if (archive->Save() < 0) return Fail("cannot save " + s.save + " (the extension picks the form: .csv, .xml, .t...)", 1);
+    std::printf("saved %s\n", s.save.c_str());
+  }
+  return 0;
+}
