@@ -56,13 +56,13 @@ class ICALIBRATIONInfoImpl : public I {
     if (m_CALIBDevice) m_CALIBDevice->AddRef();
     return S_OK;
   }
-  HRESULT put_CALIBDevice(IUnknown* device) override { return Store(m_CALIBDevice, device); }
+  HRESULT put_CALIBDevice(IUnknown* device) override { return InfoStore(m_CALIBDevice, device); }
 
   // A null field gives E_FAIL.
   HRESULT get_CALIBName(IString** name) override { return HandOutRequired(m_CALIBName, name); }
-  HRESULT put_CALIBName(IString* name) override { return Store(m_CALIBName, name); }
+  HRESULT put_CALIBName(IString* name) override { return InfoStore(m_CALIBName, name); }
   HRESULT get_CALIBType(IString** type) override { return HandOutRequired(m_CALIBType, type); }
-  HRESULT put_CALIBType(IString* type) override { return Store(m_CALIBType, type); }
+  HRESULT put_CALIBType(IString* type) override { return InfoStore(m_CALIBType, type); }
 
   // A null place does nothing and succeeds.
   HRESULT get_CALIBUnits(int* units) override {
@@ -81,11 +81,11 @@ class ICALIBRATIONInfoImpl : public I {
     if (m_CALIBUnitsText) m_CALIBUnitsText->AddRef();
     return S_OK;
   }
-  HRESULT put_CALIBUnitsText(IString* text) override { return Store(m_CALIBUnitsText, text); }
+  HRESULT put_CALIBUnitsText(IString* text) override { return InfoStore(m_CALIBUnitsText, text); }
 
   // A null field gives E_FAIL.
   HRESULT get_CALIBDescription(IString** text) override { return HandOutRequired(m_CALIBDescription, text); }
-  HRESULT put_CALIBDescription(IString* text) override { return Store(m_CALIBDescription, text); }
+  HRESULT put_CALIBDescription(IString* text) override { return InfoStore(m_CALIBDescription, text); }
 
   // Seconds are not reported.
   HRESULT GetCalibrationTime(short* day, short* month, short* year, short* hour, short* minute) override {
@@ -181,7 +181,7 @@ class ICALIBRATIONInfoImpl : public I {
 
   // Takes the new reference before dropping the old, so storing the held value is safe.
   template <class P>
-  static HRESULT Store(P*& field, P* value) {
+  static HRESULT InfoStore(P*& field, P* value) {
     if (value) value->AddRef();
     P* old = field;
     field = value;

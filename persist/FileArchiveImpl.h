@@ -89,7 +89,7 @@ class IFileArchiveImpl : public I {
       same = std::towlower(static_cast<wint_t>(now.m_Text[i])) == std::towlower(static_cast<wint_t>(old.m_Text[i]));
     if (!same) m_Current = 0;
     m_Modified = 1;
-    Store(m_Filename, name);
+    ArchiveStore(m_Filename, name);
     return S_OK;
   }
 
@@ -113,7 +113,7 @@ class IFileArchiveImpl : public I {
       else if (first == L't')
         hr = this->LoadFolderStream();
     }
-    Store(m_Filename, copy.get());
+    ArchiveStore(m_Filename, copy.get());
     m_Current = 1;
     m_Modified = 0;
     return hr;
@@ -214,7 +214,7 @@ class IFileArchiveImpl : public I {
       ReadInto(stream, objectName, self);
     }
 
-    Store(m_Filename, copy.get());
+    ArchiveStore(m_Filename, copy.get());
 
     if (hr >= 0) {
       SmartPtr<IFileInfo> info = QueryAs<IFileInfo>(self);
@@ -322,7 +322,7 @@ class IFileArchiveImpl : public I {
   int m_Encoding = -1;
 
   // Takes the new reference first, then drops the old one.
-  static void Store(IString*& field, IString* value) {
+  static void ArchiveStore(IString*& field, IString* value) {
     if (value) value->AddRef();
     IString* old = field;
     field = value;
