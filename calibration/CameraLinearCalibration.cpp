@@ -1,6 +1,7 @@
 #include "calibration/CameraLinearCalibration.h"
 
 #include "frame/Components.h"
+#include "frame/StringRefs.h"
 
 const tagREFString CCameraLinearCalibration::m_ObjectName = {23, L"CameraLinearCalibration"};
 
@@ -12,7 +13,7 @@ ILinearTransform* NewLinearTransform() {
   return static_cast<ILinearTransform*>(transform);
 }
 
-HRESULT HandOut(ILinearTransform* transform, ITransform** out) {
+HRESULT HandOutChain(ILinearTransform* transform, ITransform** out) {
   if (!out) return E_INVALIDARG;
   *out = transform;
   if (!transform) return E_FAIL;
@@ -26,6 +27,10 @@ CCameraLinearCalibration::CCameraLinearCalibration() {
   // Both chains start empty; CreateTransform runs on the first change.
   ForwardTransform = NewLinearTransform();
   ReverseTransform = NewLinearTransform();
+  put_CALIBDevice(NewString(L"Camera"));
+  put_CALIBName(NewString(L"Linear"));
+  put_CALIBType(NewString(L"2D Cam"));
+  put_CALIBDescription(NewString(L"2D Linear"));
 }
 
 CCameraLinearCalibration::~CCameraLinearCalibration() {
@@ -40,7 +45,12 @@ HRESULT CCameraLinearCalibration::QueryInterface(const IID& iid, void** object) 
   if (QueryRoute(iid, IID_IUnknown, static_cast<CObject<CCameraLinearCalibration>*>(this), object) ||
       QueryRoute(iid, IID_IObjectInfo, static_cast<IObjectInfo*>(this), object) ||
       QueryRoute(iid, IID_ICameraLinearCalibration, main, object) ||
-      QueryRoute(iid, IID_ICalibration, static_cast<ICalibration*>(main), object))
+      QueryRoute(iid, IID_ICalibration, static_cast<ICalibration*>(main), object) ||
+      QueryRoute(iid, IID_IFileArchive, static_cast<IFileArchive*>(this), object) ||
+      QueryRoute(iid, IID_ICalibrationInfo, static_cast<ICalibrationInfo*>(this), object) ||
+      QueryRoute(iid, IID_IDataPersist, static_cast<IDataPersist*>(this), object) ||
+      QueryRoute(iid, IID_IParametricObject, static_cast<IParametricObject*>(this), object) ||
+      QueryRoute(iid, IID_IUIPropertyPageSpecify, static_cast<IUIPropertyPageSpecify*>(this), object))
     return S_OK;
   return E_NOINTERFACE;
 }
@@ -142,9 +152,9 @@ HRESULT CCameraLinearCalibration::GetCameraRoll(double* roll) {
   return S_OK;
 }
 
-HRESULT CCameraLinearCalibration::GetForwardTransform(ITransform** out) { return HandOut(ForwardTransform, out); }
+HRESULT CCameraLinearCalibration::GetForwardTransform(ITransform** out) { return HandOutChain(ForwardTransform, out); }
 
-HRESULT CCameraLinearCalibration::GetReverseTransform(ITransform** out) { return HandOut(ReverseTransform, out); }
+HRESULT CCameraLinearCalibration::GetReverseTransform(ITransform** out) { return HandOutChain(ReverseTransform, out); }
 
 void CCameraLinearCalibration::CreateTransform() {
   // Without a host transform there is no chain to build (the object was created
@@ -171,4 +181,99 @@ void CCameraLinearCalibration::CreateTransform() {
     r->AddStep(STEP_ROLL, 0, -CameraRoll, 0.0, 0.0);
     r->AddStep(STEP_TRANSLATE, 1, CameraOriginX, CameraOriginY, 0.0);
   }
+}
+
+namespace {
+
+typedef ICALIBRATIONInfoImpl<CCameraLinearCalibration, ICalibrationInfo> InfoBlock;
+
+}  // namespace
+
+HRESULT CCameraLinearCalibration::put_CALIBUnits(int units) {
+  const int current = m_CALIBUnits;
+  CALIBUnitsConvert(current, ScaleX, units, &ScaleX);
+  CALIBUnitsConvert(current, ScaleY, units, &ScaleY);
+  CALIBUnitsConvert(current, ScaleZ, units, &ScaleZ);
+  InfoBlock::put_CALIBUnits(units);
+  CreateTransform();
+  return S_OK;
+}
+
+std::array<CCameraLinearCalibration::NamedValue, 14> CCameraLinearCalibration::Named() {
+  return {{{L"Roll", &Roll},
+           {L"Pitch", &Pitch},
+           {L"Yaw", &Yaw},
+           {L"ScaleX", &ScaleX},
+           {L"ScaleY", &ScaleY},
+           {L"ScaleZ", &ScaleZ},
+           {L"TranslateX", &TranslateX},
+           {L"TranslateY", &TranslateY},
+           {L"TranslateZ", &TranslateZ},
+           {L"CameraRoll", &CameraRoll},
+           {L"CameraOriginX", &CameraOriginX},
+           {L"CameraOriginY", &CameraOriginY},
+           {L"CameraScaleX", &CameraScaleX},
+           {L"CameraScaleY", &CameraScaleY}}};
+}
+
+HRESULT CCameraLinearCalibration::GetParameters(INamedCollection** parameters, int) {
+  if (!parameters) return E_POINTER;
+  *parameters = nullptr;
+  SmartPtr<IParametersCreatable> list;
+  list.Attach(BASEObject::CreateParameters());
+  if (!list) return E_FAIL;
+  for (const NamedValue& item : Named()) AddDoubleParameter(list, item.name, *item.value);
+  *parameters = list.Detach();
+  return S_OK;
+}
+
+HRESULT CCameraLinearCalibration::SetParameters(INamedCollection* parameters) {
+  for (const NamedValue& item : Named()) PARAMDouble(parameters, item.name, item.value);
+  CreateTransform();
+  return S_OK;
+}
+
+HRESULT CCameraLinearCalibration::GetPages(int level, INamedCollection** pages, IUnknown**) {
+  if (!pages) return E_POINTER;
+  *pages = nullptr;
+  SmartPtr<ISuperCollection> list;
+  list.Attach(CREFString::CreateCollection());
+  if (!list) return E_FAIL;
+  AddPage(list, L"Calibration", L"UIPropPages.UIParametricObjectPropPage", NewString(L"CameraLinearCalibration"));
+  AddPage(list, nullptr, L"Zeltrim.CalibrationInfoPropPage");
+  if (level > 1) AddPage(list, L"", L"UIPropPages.UIFileArchivePropPage");
+  *pages = list.Detach();
+  return S_OK;
+}
+
+HRESULT CCameraLinearCalibration::PersistSave(IDataStream* stream, int flags) {
+  if (!stream) return S_OK;
+  SmartPtr<IFolderStream> folder = QueryAs<IFolderStream>(stream);
+  if (!folder && !QueryAs<IXMLStream>(stream)) return S_OK;
+  SmartPtr<INamedCollection> parameters;
+  GetParameters(parameters.Out(), 0);
+  if (SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(parameters)) persist->Save(stream, flags);
+  if (folder) {
+    SmartPtr<IDataStream> info;
+    folder->CreateSubStream(NewString(L"Info"), 0, info.Out());
+    if (info) InfoBlock::Save(info, 0);
+  }
+  return S_OK;
+}
+
+HRESULT CCameraLinearCalibration::PersistLoad(IDataStream* stream, int) {
+  if (!stream) return E_FAIL;
+  SmartPtr<IFolderStream> folder = QueryAs<IFolderStream>(stream);
+  if (!folder && !QueryAs<IXMLStream>(stream)) return E_FAIL;
+  SmartPtr<IParametersCreatable> parameters;
+  parameters.Attach(BASEObject::CreateParameters());
+  if (SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(parameters)) persist->Load(stream, 0);
+  SetParameters(parameters);
+  if (folder) {
+    SmartPtr<IDataStream> info;
+    folder->OpenSubStream(NewString(L"Info"), 0, info.Out());
+    if (info) InfoBlock::Load(info, 0);
+    CreateTransform();
+  }
+  return S_OK;
 }

@@ -1,13 +1,25 @@
 // "CameraLinearCalibration": a hand-set chain of linear steps from camera coordinates
 // to world coordinates and back. It fits nothing; every change rebuilds both chains,
-// held by two host "LinearTransform" objects.
+// held by two host "LinearTransform" objects. Its fourteen numbers are also its named
+// parameters, which is all its stream forms hold (plus the info block in folder streams).
 #pragma once
 
+#include <array>
+
 #include "frame/Object.h"
+#include "persist/CalibrationInfoImpl.h"
+#include "persist/FileArchiveImpl.h"
+#include "persist/ParametricImpl.h"
+#include "persist/PersistRoute.h"
 
 class CCameraLinearCalibration : public CObject<CCameraLinearCalibration>,
                                  public IObjectInfoImpl<CCameraLinearCalibration>,
-                                 public ICameraLinearCalibration {
+                                 public ICameraLinearCalibration,
+                                 public IFileArchiveImpl<CCameraLinearCalibration, IFileArchive>,
+                                 public ICALIBRATIONInfoImpl<CCameraLinearCalibration, ICalibrationInfo>,
+                                 public IParametricImpl<CCameraLinearCalibration>,
+                                 public IDataPersistRoute<CCameraLinearCalibration>,
+                                 public IUIPropertyPageSpecify {
  public:
   ZELTRIM_OBJECT_REFCOUNT
   static const tagREFString m_ObjectName;
@@ -35,6 +47,16 @@ class CCameraLinearCalibration : public CObject<CCameraLinearCalibration>,
   HRESULT SetCameraRoll(double roll) override;
   HRESULT GetCameraRoll(double* roll) override;
 
+  // Only the three scales follow a change of units; translations keep their numbers.
+  HRESULT put_CALIBUnits(int units) override;
+  HRESULT GetParameters(INamedCollection** parameters, int) override;
+  // Missing or unreadable names keep their values; no zero-scale rule here.
+  HRESULT SetParameters(INamedCollection* parameters) override;
+  HRESULT GetPages(int level, INamedCollection** pages, IUnknown**) override;
+  // The parameters on an XML or folder stream, and the info block in folder streams.
+  HRESULT PersistSave(IDataStream* stream, int flags);
+  HRESULT PersistLoad(IDataStream* stream, int flags);
+
   HRESULT GetForwardTransform(ITransform** out);
   HRESULT GetReverseTransform(ITransform** out);
   // Rebuilds both chains from the fields (forward: camera origin, camera roll, scale,
@@ -42,6 +64,13 @@ class CCameraLinearCalibration : public CObject<CCameraLinearCalibration>,
   void CreateTransform();
 
  protected:
+  struct NamedValue {
+    const wchar_t* name;
+    double* value;
+  };
+  // The named parameters, in their order.
+  std::array<NamedValue, 14> Named();
+
   ILinearTransform* ForwardTransform = nullptr;
   ILinearTransform* ReverseTransform = nullptr;
   double CameraRoll = 0;
