@@ -80,6 +80,26 @@ check fit-bad-method 2 "--method needs a whole number" -- "$zeltrim" fit src.txt
 printf '1 1\n1 1\n1 1\n1 1\n1 1\n' >same.txt
 check fit-degenerate 1 "degenerate" -- "$zeltrim" fit same.txt src.txt
 
+# A hand-set calibration saved in each form, shown, and used again from its file.
+check linear-save-xml 0 "saved" -- "$zeltrim" linear --scale 2,2,1 --origin 10,0,0 --roll 90 --name Bench --save lin.xml
+check linear-save-folder 0 "saved" -- "$zeltrim" linear --scale 2,2,1 --origin 10,0,0 --roll 90 --name Bench --units 3 --save lin.tLin
+check linear-load-xml 0 "0 12 0" -- "$zeltrim" linear --load lin.xml 1,0
+check linear-load-folder 0 "0 12 0" -- "$zeltrim" linear --load lin.tLin 1,0
+check linear-load-then-override 0 "0 13 0" -- "$zeltrim" linear --load lin.tLin --origin 11,0,0 1,0
+check linear-load-missing 2 "cannot load" -- "$zeltrim" linear --load nowhere.xml 1,0
+check show-xml 0 "object: CameraLinearCalibration" -- "$zeltrim" show lin.xml
+check show-xml-roll 0 "Roll             90" -- "$zeltrim" show lin.xml
+check show-folder-name 0 "name: Bench" -- "$zeltrim" show lin.tLin
+check show-folder-units 0 "units: 3 (metre)" -- "$zeltrim" show lin.tLin
+check show-fit 0 "forward matrix" -- "$zeltrim" show out.tCAL
+check show-fit-time 0 "time: 20" -- "$zeltrim" show out.tCAL
+check show-missing 2 "cannot read" -- "$zeltrim" show nowhere.xml
+check show-csv 2 "only" -- "$zeltrim" show out.csv
+head -c 100 /dev/urandom >junk.tCAL
+check show-junk-folder 2 "holds no object" -- "$zeltrim" show junk.tCAL
+printf 'no xml here' >junk.xml
+check show-junk-xml 2 "holds no object" -- "$zeltrim" show junk.xml
+
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.
 bin_dir=$(dirname "$zeltrim")

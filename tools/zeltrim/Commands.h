@@ -16,10 +16,12 @@ struct CommandContext {
 int RunObjects(CommandContext& context);
 int RunLinear(CommandContext& context);
 int RunFit(CommandContext& context);
+int RunShow(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
 extern const char* const kFitHelp;
+extern const char* const kShowHelp;
 
 // Prints "zeltrim: <message>" on standard error and returns `status`.
 int Fail(const std::string& message, int status = 2);

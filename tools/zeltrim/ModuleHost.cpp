@@ -4,6 +4,7 @@
 #include <limits.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cwchar>
 
 namespace {
@@ -87,4 +88,25 @@ std::string ExecutableFolder() {
 std::string AbsolutePath(const std::string& path, const std::string& startDir) {
   if (path.empty() || path == "-" || path[0] == '/') return path;
   return startDir + "/" + path;
+}
+
+SmartPtr<IString> ModuleHost::NewString(const std::string& text) {
+  SmartPtr<ICreatableString> s = CreateHost<ICreatableString>(L"CreatableString");
+  if (!s) return SmartPtr<IString>();
+  std::wstring wide(text.size() + 1, L'\0');
+  const size_t n = std::mbstowcs(&wide[0], text.c_str(), wide.size());
+  if (n == static_cast<size_t>(-1))
+    wide.assign(text.begin(), text.end());
+  else
+    wide.resize(n);
+  s->SetString(static_cast<int>(wide.size()), wide.c_str());
+  return SmartPtr<IString>(s.get());
+}
+
+HRESULT ModuleHost::Archive(IUnknown* object, const std::string& path, bool save) {
+  SmartPtr<IFileArchive> archive = QueryAs<IFileArchive>(object);
+  SmartPtr<IString> name = NewString(path);
+  if (!archive || !name) return E_FAIL;
+  archive->put_Filename(name);
+  return save ? archive->Save() : archive->Load();
 }

@@ -2,6 +2,7 @@
 // the "CollectionsEx" peer, then the module's InitializeModule and CreateFunction.
 #pragma once
 
+#include <cwchar>
 #include <string>
 
 #include "frame/Object.h"
@@ -26,6 +27,21 @@ class ModuleHost {
   bool Provides(const wchar_t* name);
 
   IComponentCollection* Components() const { return m_Components.get(); }
+
+  // A host object through the global collection; null when the host lacks it.
+  template <class I>
+  SmartPtr<I> CreateHost(const wchar_t* name) {
+    SmartPtr<I> result;
+    void* p = nullptr;
+    const IID& iid = I::Iid();
+    if (m_Components && m_Components->CreateComponent(static_cast<int>(std::wcslen(name)), name, &iid, &p) >= 0 && p)
+      result.Attach(static_cast<I*>(p));
+    return result;
+  }
+  // A host string holding `text` (null when the host has no strings).
+  SmartPtr<IString> NewString(const std::string& text);
+  // Saves or loads an object through its IFileArchive under `path`.
+  HRESULT Archive(IUnknown* object, const std::string& path, bool save);
 
  private:
   typedef HRESULT (*CreateFn)(tagREFString, void**);

@@ -17,6 +17,7 @@ const char* const kUsage =
     "  objects   list the objects the module creates, and whether this build has each\n"
     "  linear    convert or revert points with a hand-set linear calibration\n"
     "  fit       fit a best-fit calibration between two point files\n"
+    "  show      show a calibration file: object, info block, parameters, matrices\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -29,6 +30,7 @@ const Command kCommands[] = {
     {"objects", &RunObjects, &kObjectsHelp},
     {"linear", &RunLinear, &kLinearHelp},
     {"fit", &RunFit, &kFitHelp},
+    {"show", &RunShow, &kShowHelp},
 };
 
 }  // namespace

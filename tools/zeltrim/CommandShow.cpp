@@ -1,0 +1,167 @@
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+
+#include "tools/zeltrim/Commands.h"
+
+const char* const kShowHelp =
+    "usage: zeltrim show FILE\n"
+    "Shows a calibration file of the module (.xml, or a folder stream such as .tCAL): the\n"
+    "object it holds, its info block (name, type, device, description, units, time), its\n"
+    "named parameters and, for fitted calibrations, its matrices and fit errors.\n";
+
+namespace {
+
+std::string Narrow(const std::wstring& text) {
+  std::string out;
+  for (wchar_t c : text) out += (c >= 32 && c < 127) ? static_cast<char>(c) : '?';
+  return out;
+}
+
+std::wstring Text(IString* s) {
+  const wchar_t* p = nullptr;
+  int n = 0;
+  if (!s || s->GetString(&p, &n) < 0 || !p || n <= 0) return std::wstring();
+  return std::wstring(p, static_cast<size_t>(n));
+}
+
+// The name of the first element after the prologue lines of an XML file (16-bit with a
+// mark, or 8-bit text).
+std::wstring XmlRootName(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::wstring text;
+  if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF && static_cast<unsigned char>(bytes[1]) == 0xFE) {
+    for (size_t i = 2; i + 1 < bytes.size(); i += 2)
+      text += static_cast<wchar_t>(static_cast<unsigned char>(bytes[i]) | (static_cast<unsigned char>(bytes[i + 1]) << 8));
+  } else {
+    text.assign(bytes.begin(), bytes.end());
+  }
+  size_t at = 0;
+  while ((at = text.find(L'<', at)) != std::wstring::npos) {
+    ++at;
+    if (at < text.size() && (text[at] == L'?' || text[at] == L'!')) continue;
+    size_t end = at;
+    while (end < text.size() && (iswalnum(text[end]) || text[end] == L'_' || text[end] == L'.')) ++end;
+    return text.substr(at, end - at);
+  }
+  return std::wstring();
+}
+
+// The object entry of a folder stream file: the first entry that is not "Info".
+std::wstring FolderObjectName(ModuleHost& host, const std::string& path) {
+  SmartPtr<IFolderStream> folder = host.CreateHost<IFolderStream>(L"FolderStream");
+  if (!folder || host.Archive(folder, path, false) < 0) return std::wstring();
+  SmartPtr<INamedCollection> entries = QueryAs<INamedCollection>(folder);
+  int count = 0;
+  if (!entries || entries->get_Count(&count) < 0) return std::wstring();
+  for (int i = 0; i < count; ++i) {
+    SmartPtr<IString> name;
+    entries->get_ItemName(i, name.Out());
+    const std::wstring text = Text(name);
+    if (!text.empty() && text != L"Info") return text;
+  }
+  return std::wstring();
+}
+
+const char* UnitName(int code) {
+  static const char* const names[] = {"none", "micrometre", "millimetre", "metre", "kilometre",
+                                      "thousandth of an inch", "inch", "foot"};
+  return code >= 0 && code <= 7 ? names[code] : "unknown";
+}
+
+void ShowInfo(ICalibrationInfo* info) {
+  SmartPtr<IString> s;
+  if (info->get_CALIBName(s.Out()) >= 0) std::printf("name: %s\n", Narrow(Text(s)).c_str());
+  if (info->get_CALIBType(s.Out()) >= 0) std::printf("type: %s\n", Narrow(Text(s)).c_str());
+  SmartPtr<IUnknown> device;
+  info->get_CALIBDevice(device.Out());
+  if (SmartPtr<IString> text = QueryAs<IString>(device)) std::printf("device: %s\n", Narrow(Text(text)).c_str());
+  if (info->get_CALIBDescription(s.Out()) >= 0) std::printf("description: %s\n", Narrow(Text(s)).c_str());
+  int units = 0;
+  info->get_CALIBUnits(&units);
+  info->get_CALIBUnitsText(s.Out());
+  std::printf("units: %d (%s)%s%s\n", units, UnitName(units), s ? " " : "", s ? Narrow(Text(s)).c_str() : "");
+  short day = 0, month = 0, year = 0, hour = 0, minute = 0;
+  info->GetCalibrationTime(&day, &month, &year, &hour, &minute);
+  if (year == 0)
+    std::printf("time: never calibrated\n");
+  else
+    std::printf("time: %04d-%02d-%02d %02d:%02d\n", year, month, day, hour, minute);
+}
+
+void ShowParameters(IParametricObject* parametric) {
+  SmartPtr<INamedCollection> params;
+  if (parametric->GetParameters(params.Out(), 0) < 0 || !params) return;
+  int count = 0;
+  params->get_Count(&count);
+  std::printf("parameters:\n");
+  for (int i = 0; i < count; ++i) {
+    SmartPtr<IString> name;
+    params->get_ItemName(i, name.Out());
+    SmartPtr<IUnknown> item;
+    params->get_Item(i, item.Out());
+    if (SmartPtr<IVariant> v = QueryAs<IVariant>(item)) {
+      if (v->get_Type() == VARIANT_INTEGER)
+        std::printf("  %-16s %d\n", Narrow(Text(name)).c_str(), v->get_Integer());
+      else
+        std::printf("  %-16s %.10g\n", Narrow(Text(name)).c_str(), v->get_Double());
+    } else if (SmartPtr<IString> text = QueryAs<IString>(item)) {
+      std::printf("  %-16s %s\n", Narrow(Text(name)).c_str(), Narrow(Text(text)).c_str());
+    }
+  }
+}
+
+void ShowMatrix(const char* title, ITransform* transform) {
+  SmartPtr<IHomogeneousTransform> h = QueryAs<IHomogeneousTransform>(transform);
+  double* m = nullptr;
+  if (!h || h->GetMatrix(&m, nullptr, nullptr) < 0 || !m) return;
+  std::printf("%s:\n", title);
+  for (int r = 0; r < 4; ++r)
+    std::printf("  %14.8g %14.8g %14.8g %14.8g\n", m[4 * r], m[4 * r + 1], m[4 * r + 2], m[4 * r + 3]);
+}
+
+}  // namespace
+
+int RunShow(CommandContext& context) {
+  if (context.args.size() != 1) return Fail("show needs one FILE");
+  const std::string path = AbsolutePath(context.args[0], context.startDir);
+  if (!std::ifstream(path)) return Fail("cannot read " + path);
+  ModuleHost& host = *context.host;
+
+  const size_t dot = path.rfind('.');
+  const wchar_t form = dot == std::string::npos ? L'\0' : static_cast<wchar_t>(std::towlower(path[dot + 1]));
+  std::wstring object;
+  if (form == L'x')
+    object = XmlRootName(path);
+  else if (form == L't')
+    object = FolderObjectName(host, path);
+  else
+    return Fail("show reads .xml and folder stream (.t...) files only");
+  if (object.empty()) return Fail(path + " holds no object the module knows");
+
+  void* p = nullptr;
+  if (!host.CreateRaw(object.c_str(), IID_IUnknown, &p)) return Fail(Narrow(object) + ": " + host.Error(), 1);
+  SmartPtr<IUnknown> instance;
+  instance.Attach(static_cast<IUnknown*>(p));
+  if (host.Archive(instance, path, false) < 0) return Fail("cannot load " + path, 1);
+
+  std::printf("file: %s\nobject: %s\n", path.c_str(), Narrow(object).c_str());
+  if (SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(instance)) ShowInfo(info);
+  if (SmartPtr<IParametricObject> parametric = QueryAs<IParametricObject>(instance)) ShowParameters(parametric);
+  if (SmartPtr<IHomogeneousCalibration> calibration = QueryAs<IHomogeneousCalibration>(instance)) {
+    SmartPtr<ITransform> t;
+    calibration->GetForwardTransform(t.Out());
+    ShowMatrix("forward matrix", t);
+    calibration->GetReverseTransform(t.Out());
+    ShowMatrix("reverse matrix", t);
+  } else if (SmartPtr<IHomogeneousTransform> transform = QueryAs<IHomogeneousTransform>(instance)) {
+    ShowMatrix("matrix", transform);
+  }
+  if (SmartPtr<ITransformFitErrors> errors = QueryAs<ITransformFitErrors>(instance)) {
+    double mean = 0, largest = 0, sd = 0;
+    errors->GetFitErrors(&mean, &largest, &sd);
+    std::printf("fit errors: mean %.6g  largest %.6g  standard deviation %.6g\n", mean, largest, sd);
+  }
+  return 0;
+}
