@@ -762,12 +762,9 @@ class IParametersImpl : public I {
           if (inner && inner->NextTag(&objectTag) >= 0 && inner->ReadObject(made.Out()) >= 0 && made)
             descriptor = made.get();
         } else if (!existing) {
+          // NextTag has stepped over the element: a failed read leaves nothing to skip.
           SmartPtr<IUnknown> made;
-          if (children->ReadNamedObject(child.m_Length, child.m_Text, made.Out()) >= 0 && made) {
-            value = made.get();
-          } else if (!ReadContent(children, child, childContent)) {
-            break;
-          }
+          if (children->ReadNamedObject(child.m_Length, child.m_Text, made.Out()) >= 0 && made) value = made.get();
         } else {
           SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(existing);
           bool matches = persist.get() != nullptr;
@@ -1056,8 +1053,6 @@ class IParametersImpl : public I {
         SmartPtr<IUnknown> made;
         if (children->ReadNamedObject(child.m_Length, child.m_Text, made.Out()) >= 0)
           this->put_ItemDescriptor(index, made);
-        else if (!ReadContent(children, child, childContent))
-          break;
       }
     }
     if (!anyChild) {
