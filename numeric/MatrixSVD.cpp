@@ -1,3 +1,10 @@
+// The column updates and rotations of tall matrices are independent per row, so SIMD
+// gives exactly the scalar results (sums are never reordered: no fast-math). GCC's
+// default -O2 cost model declines most of these loops; the cheap model takes them.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC optimize("vect-cost-model=cheap")
+#endif
+
 #include "numeric/MatrixSVD.h"
 
 #include <cmath>
@@ -7,12 +14,23 @@
 namespace {
 inline double Sign(double a, double b) { return b >= 0.0 ? std::fabs(a) : -std::fabs(a); }
 inline double Max(double a, double b) { return a > b ? a : b; }
-}  // namespace
 
-int CMatrixSVD::svdcmp(double* a, int m, int n, double* w, double* v) {
-  if (!a || !w || !v || m < 1 || n < 1) return E_FAIL;
+// Element (i, j) of the m x n working copy of U, row-major or column-major. Tall
+// matrices are worked on by columns, where the Householder updates and the rotations
+// run over contiguous memory; every arithmetic operation and its order stay the same.
+template <bool kByColumns>
+struct Layout {
+  double* p;
+  size_t m, n;
+  double& operator()(int i, int j) const {
+    return kByColumns ? p[static_cast<size_t>(j) * m + i] : p[static_cast<size_t>(i) * n + j];
+  }
+};
+
+template <bool kByColumns>
+int Decompose(double* a, int m, int n, double* w, double* v) {
   const size_t N = static_cast<size_t>(n);
-  auto A = [a, N](int i, int j) -> double& { return a[static_cast<size_t>(i) * N + j]; };
+  const Layout<kByColumns> A{a, static_cast<size_t>(m), N};
   auto V = [v, N](int i, int j) -> double& { return v[static_cast<size_t>(i) * N + j]; };
 
   double* rv1 = new double[N]();
@@ -214,6 +232,26 @@ int CMatrixSVD::svdcmp(double* a, int m, int n, double* w, double* v) {
   }
   delete[] rv1;
   return 0;
+}
+
+// Working by columns pays for the two copies from about this many elements on.
+const size_t kColumnLayoutFrom = 256;
+
+}  // namespace
+
+int CMatrixSVD::svdcmp(double* a, int m, int n, double* w, double* v) {
+  if (!a || !w || !v || m < 1 || n < 1) return E_FAIL;
+  const size_t M = static_cast<size_t>(m), N = static_cast<size_t>(n);
+  if (M * N < kColumnLayoutFrom || m <= n) return Decompose<false>(a, m, n, w, v);
+  double* columns = new double[M * N];
+  for (size_t i = 0; i < M; ++i)
+    for (size_t j = 0; j < N; ++j) columns[j * M + i] = a[i * N + j];
+  const int result = Decompose<true>(columns, m, n, w, v);
+  // Also after a failure: the caller sees the part-way transformed U either way.
+  for (size_t i = 0; i < M; ++i)
+    for (size_t j = 0; j < N; ++j) a[i * N + j] = columns[j * M + i];
+  delete[] columns;
+  return result;
 }
 
 void CMatrixSVD::SolveAx0(double* a, int m, int n, double* x) {
