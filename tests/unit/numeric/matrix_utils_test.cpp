@@ -219,3 +219,30 @@ TEST(MatrixUtilsText, EmptyOrNullTextLeavesMatrixAlone) {
 }
 
 }  // namespace
+
+namespace {
+
+// Through the host's string object (the reference host beside the tests in _binlinux).
+TEST(MatrixUtilsText, ToStringMakesAHostStringTheParserReadsBack) {
+  CMatrixUtils u;
+  double m[6] = {1.5, -2.0, 0.25, 100.0, 3.125, -0.5};
+  IString* text = u.toString(m, 2, 3);
+  ASSERT_NE(text, nullptr);
+  const wchar_t* chars = nullptr;
+  int length = 0;
+  ASSERT_EQ(text->GetString(&chars, &length), S_OK);
+  const std::wstring s(chars, static_cast<size_t>(length));
+  EXPECT_EQ(s, L"1.500000, -2.000000, 0.250000\n100.000000, 3.125000, -0.500000\n");
+  double back[6] = {0};
+  u.fromString(tagREFString{length, chars}, back, 2, 3);
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(back[i], m[i]);
+  text->Release();
+
+  IString* empty = u.toString(m, 0, 3);
+  ASSERT_NE(empty, nullptr);
+  ASSERT_EQ(empty->GetString(&chars, &length), S_OK);
+  EXPECT_EQ(length, 0);
+  empty->Release();
+}
+
+}  // namespace
