@@ -617,7 +617,7 @@ class IParametersImpl : public I {
       // A file name value may be stored mapped or relative to the install path.
       SmartPtr<IString> fileName;
       if ((flags & PARAM_FILENAME) && variant && variant->IsString())
-        fileName = StoredFileName(variant.get(), &flags);
+        fileName.Attach(StoredFileName(variant.get(), &flags));
 
       SmartPtr<IString> tag;
       if (fileName) {

@@ -2,6 +2,9 @@
 // exact calls its stream forms make (recorded by fake streams).
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <string>
@@ -1046,6 +1049,53 @@ TEST(ParametersReadBack, HostCollectionLoadAddsTheItemsItLacks) {
     EXPECT_EQ(FlagsNamed(host, L"a"), 0x11);
     EXPECT_EQ(IntNamed(host, L"b"), 2);
   }
+}
+
+// Points the host registry at a settings file with the given install path while alive.
+class ScopedInstallPath {
+ public:
+  explicit ScopedInstallPath(const char* installPath) {
+    char name[] = "/tmp/zeltrim_params_XXXXXX";
+    const int fd = mkstemp(name);
+    m_File = name;
+    const std::string text = std::string("[Workspace]\nInstallPath=") + installPath + "\n";
+    if (fd >= 0) {
+      if (write(fd, text.data(), text.size()) < 0) m_File.clear();
+      close(fd);
+    }
+    setenv("ZELTRIM_REGISTRY", m_File.c_str(), 1);
+  }
+  ~ScopedInstallPath() {
+    unsetenv("ZELTRIM_REGISTRY");
+    if (!m_File.empty()) unlink(m_File.c_str());
+  }
+
+ private:
+  std::string m_File;
+};
+
+TEST(ParametersReadBack, FileNamesUnderTheInstallPathAreStoredMapped) {
+  ScopedInstallPath registry("/opt/zt");
+  auto source = NewParameters();
+  ASSERT_EQ(source->Add(Str(L"map"), StrVariant(L"/opt/zt/data/a.cal"), nullptr, 0x2), S_OK);
+  ASSERT_EQ(source->Add(Str(L"near"), StrVariant(L"/OPT/ZT/b.cal"), nullptr, 0x12), S_OK);
+  ASSERT_EQ(source->Add(Str(L"elsewhere"), StrVariant(L"/srv/c.cal"), nullptr, 0x12), S_OK);
+  Recorder r(CFakeStream::FOLDER);
+  EXPECT_EQ(source->Params_SaveFolderStream(r.stream, 0), S_OK);
+  // 0x30 marks the name as under the install path (0x100); two folder levels are not
+  // shared, so the relative form gives way to the mapped one.
+  EXPECT_EQ(r.log, Lines({L"sub map", L"map/Value=[InstallPath]/data/a.cal", L"map/Flags#4:#000002",
+                          L"sub near", L"near/Value=[InstallPath]/b.cal", L"near/Flags#4:#000112",
+                          L"sub elsewhere", L"elsewhere/Value=/srv/c.cal", L"elsewhere/Flags#4:#000012"}));
+  std::vector<char> image;
+  auto folder = FolderRoundTrip([&](IDataStream* s) { source->Params_SaveFolderStream(s, 0); }, &image);
+  ASSERT_TRUE(folder);
+  auto replaced = NewParameters();
+  EXPECT_EQ(replaced->Params_LoadFolderStream(folder, PERSIST_REPLACE), S_OK);
+  ASSERT_EQ(replaced->m_Count, 3);
+  EXPECT_EQ(Take(ISCreate(QueryAs<IVariant>(Value(replaced, L"map")).get())), L"/opt/zt/data/a.cal");
+  EXPECT_EQ(Take(ISCreate(QueryAs<IVariant>(Value(replaced, L"near")).get())), L"/opt/zt/b.cal");
+  EXPECT_EQ(Take(ISCreate(QueryAs<IVariant>(Value(replaced, L"elsewhere")).get())), L"/srv/c.cal");
 }
 
 }  // namespace
