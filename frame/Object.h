@@ -39,7 +39,10 @@ class CObject : public IUnknown {
       *object = nullptr;
       hr = created->QueryInterface(*iid, object);
       if (SUCCEEDED(hr)) {
-        created->Release();  // the query's reference stands, the creation one goes
+        // The query's reference stands, the creation one goes. Dropped in place rather
+        // than by Release, so a query that took no reference cannot free the object here
+        // before the clean-up below.
+        __atomic_sub_fetch(&created->m_RefCount, 1, __ATOMIC_SEQ_CST);
         if (hr == S_OK) return hr;
       }
     }
