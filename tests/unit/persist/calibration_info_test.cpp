@@ -147,24 +147,6 @@ TEST(CalibrationInfoXml, SaveWritesNameDescriptionAndTimeThenFails) {
   EXPECT_EQ(XMLGetTAGGED(view, units, attributes, value, 0), E_FAIL);
 }
 
-TEST(CalibrationInfoXml, TimeElementHoldsTheStamp) {
-  Probe probe;
-  probe->Time() = CDateTimer();
-  probe->Time().Year = 2022;
-  probe->Time().Month = 6;
-  probe->Time().Day = 30;
-  SmartPtr<IXMLStreamEx> xml = XmlStream(nullptr);
-  ASSERT_TRUE(xml);
-  probe->Info()->Save(xml, 0);
-  const std::wstring text = StreamText(xml.get());
-  CREFString view(text.c_str(), static_cast<int>(text.size()));
-  CREFString attributes, time, year;
-  CREFString timeTag(L"Time", 4), yearTag(L"Year", 4);
-  ASSERT_EQ(XMLGetTAGGED(view, timeTag, attributes, time, 0), S_OK);
-  ASSERT_EQ(XMLGetTAGGED(time, yearTag, attributes, year, 0), S_OK);
-  EXPECT_EQ(ViewText(year), L"2022");
-}
-
 TEST(CalibrationInfoXml, LoadKeepsOnlyTheName) {
   Probe probe;
   ICalibrationInfo* info = probe->Info();
@@ -222,40 +204,6 @@ TEST(CalibrationInfoFolder, SaveWritesEveryKey) {
   int units = 0;
   EXPECT_EQ(folder->ReadData(Str(L"CalibUnits"), &units, 4, 0), S_OK);
   EXPECT_EQ(units, 2);
-}
-
-TEST(CalibrationInfoFolder, RoundTrip) {
-  Probe probe;
-  ICalibrationInfo* info = probe->Info();
-  info->put_CALIBName(Str(L"Left"));
-  info->put_CALIBType(Str(L"2D Cam"));
-  info->put_CALIBDescription(Str(L"desk"));
-  info->put_CALIBUnitsText(Str(L"inch"));
-  info->put_CALIBUnits(6);
-  probe->Time().Year = 2020;
-  probe->Time().Month = 2;
-  probe->Time().Day = 29;
-  probe->Time().Second = 1.5f;
-  SmartPtr<IFolderStream> folder = FolderStream();
-  ASSERT_TRUE(folder);
-  info->Save(folder, 0);
-
-  Probe back;
-  EXPECT_EQ(back->Info()->Load(folder, 0), S_OK);
-  IString* text = nullptr;
-  back->Info()->get_CALIBName(&text);
-  EXPECT_EQ(Take(text), L"Left");
-  back->Info()->get_CALIBType(&text);
-  EXPECT_EQ(Take(text), L"2D Cam");
-  back->Info()->get_CALIBDescription(&text);
-  EXPECT_EQ(Take(text), L"desk");
-  back->Info()->get_CALIBUnitsText(&text);
-  EXPECT_EQ(Take(text), L"inch");
-  int units = 0;
-  back->Info()->get_CALIBUnits(&units);
-  EXPECT_EQ(units, 6);
-  EXPECT_EQ(back->Time().Day, 29);
-  EXPECT_EQ(back->Time().Second, 1.5f);
 }
 
 TEST(CalibrationInfoFolder, LoadWithoutKeysLeavesEmptyStrings) {

@@ -308,19 +308,6 @@ TEST(DateTimerFolder, TwoBytesPerFieldAndNoZeroSecond) {
   EXPECT_EQ(back.WeekDay, 0);
 }
 
-TEST(DateTimerFolder, SecondIsAFourByteFloat) {
-  SmartPtr<IFolderStream> folder = FolderStream();
-  ASSERT_TRUE(folder);
-  CDateTimer t = Make(2021, 3, 4, 7, 5, 12.75f);
-  t.Save(folder, 0);
-  int size = 0;
-  ASSERT_EQ(folder->GetEntryInfo(Str(L"Second"), nullptr, &size), S_OK);
-  EXPECT_EQ(size, 4);
-  CDateTimer back;
-  back.Load(folder, 0);
-  EXPECT_EQ(back.Second, 12.75f);
-}
-
 TEST(DateTimerFolder, ZeroDateWritesNothing) {
   SmartPtr<IFolderStream> folder = FolderStream();
   ASSERT_TRUE(folder);

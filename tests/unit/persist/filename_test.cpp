@@ -175,24 +175,6 @@ TEST(FileNameRegistry, SectionsAsNamedStrings) {
   EXPECT_EQ(value, nullptr);
 }
 
-TEST(FileNameRegistry, SaveWritesTheSettingsBack) {
-  ScratchFolder folder;
-  RegistryFile registry(folder, "[Workspace]\nInstallPath=/opt/x\n");
-  {
-    SmartPtr<IRegistry> reg = CreateHostObject<IRegistry>(L"Registry");
-    ASSERT_TRUE(reg);
-    EXPECT_EQ(reg->SetValue(Str(L"Mappings"), Str(L"Data"), Str(L"/srv/\u00e9t\u00e9")), S_OK);
-    EXPECT_EQ(reg->SetValue(Str(L"Workspace"), Str(L"InstallPath"), Str(L"/opt/y")), S_OK);
-    EXPECT_EQ(reg->Save(), S_OK);
-  }
-  IString* path = nullptr;
-  FILENAMEGetInstallPath(&path);
-  EXPECT_EQ(Take(path), L"/opt/y");
-  IString* file = nullptr;
-  EXPECT_EQ(FILENAMEUnmap(Str(L"[Data]/a"), &file), S_OK);
-  EXPECT_EQ(Take(file), L"/srv/\u00e9t\u00e9/a");
-}
-
 TEST(FileNameRelative, ClimbsFromTheBaseFolder) {
   EXPECT_EQ(Relative(L"/a/b/c", L"/A/B/d.txt", S_OK), L"..\\d.txt");
   EXPECT_EQ(Relative(L"/a/b/c/e", L"/a/b/d.txt", S_OK), L"..\\..\\d.txt");
