@@ -302,6 +302,29 @@ TEST(CalibrationFitAndFilter, StopsBeforeGoingBelowTheMinimumCount) {
 
 }
 
+TEST(CalibrationFitAndFilter, ACutBelowTheMinimumHandsBackTheUnfilteredPairs) {
+  // Cube corners moved by an affine map plus +-0.5 in x by the parity of the corner: the
+  // parity is orthogonal to every affine function, so the fit recovers the map and every
+  // pair is left with the same residual 0.5. The cut at 0.9 x 0.5 takes all of them.
+  std::vector<P> source, target;
+  for (int i = 0; i < 2; ++i)
+    for (int j = 0; j < 2; ++j)
+      for (int k = 0; k < 2; ++k) {
+        const P p{i * 10.0, j * 10.0, k * 10.0};
+        const double parity = ((i + j + k) % 2) ? 0.5 : -0.5;
+        source.push_back(p);
+        target.push_back({2 * p.x + 1 + parity, p.y - p.z + 3, 0.5 * p.z + p.x});
+      }
+  SmartPtr<ISimpleCollection> a = Points(source), b = Points(target);
+  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter();
+  filter->SetFitMethod(0, 10, 0.1);
+  filter->SetMinNbPoints(4);
+  SmartPtr<ISimpleCollection> keptA, keptB;
+  EXPECT_EQ(filter->BestFit(NewCalibration(), a, b, keptA.Out(), keptB.Out()), S_FALSE);
+  EXPECT_EQ(keptA.get(), a.get());
+  EXPECT_EQ(keptB.get(), b.get());
+}
+
 TEST(CalibrationFitAndFilter, IterationLimitsOfZeroAndOne) {
   std::vector<P> source, target;
   Grid(&source, &target);
