@@ -5,9 +5,10 @@
 
 #include "frame/Object.h"
 
-class CHostString : public CObject<CHostString>, public ICreatableString {
+class CHostString : public CObject<CHostString>, public ICreatableString, public IObjectInfoImpl<CHostString> {
  public:
   ZELTRIM_OBJECT_REFCOUNT
+  static const tagREFString m_ObjectName;
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   HRESULT GetString(const wchar_t** text, int* length) override;
