@@ -1,14 +1,11 @@
 #include "host/common/HostString.h"
 
-const tagREFString CHostString::m_ObjectName = {15, L"CreatableString"};
-
 HRESULT CHostString::QueryInterface(const IID& iid, void** object) {
   if (!object) return E_POINTER;
   *object = nullptr;
   if (QueryRoute(iid, IID_IUnknown, static_cast<IUnknown*>(static_cast<CObject<CHostString>*>(this)), object) ||
       QueryRoute(iid, IID_IString, static_cast<IString*>(this), object) ||
-      QueryRoute(iid, IID_ICreatableString, static_cast<ICreatableString*>(this), object) ||
-      QueryRoute(iid, IID_IObjectInfo, static_cast<IObjectInfo*>(this), object))
+      QueryRoute(iid, IID_ICreatableString, static_cast<ICreatableString*>(this), object))
     return S_OK;
   return E_NOINTERFACE;
 }

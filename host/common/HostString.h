@@ -1,14 +1,15 @@
-// The host's string object ("CreatableString"): owns a terminated wide text.
+// The host's string object ("CreatableString"): owns a terminated wide text. Strings are
+// values, not named objects: they do not answer IObjectInfo, so a string that a variant
+// holds as an object reads back as text rather than as an object name.
 #pragma once
 
 #include <string>
 
 #include "frame/Object.h"
 
-class CHostString : public CObject<CHostString>, public ICreatableString, public IObjectInfoImpl<CHostString> {
+class CHostString : public CObject<CHostString>, public ICreatableString {
  public:
   ZELTRIM_OBJECT_REFCOUNT
-  static const tagREFString m_ObjectName;
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   HRESULT GetString(const wchar_t** text, int* length) override;

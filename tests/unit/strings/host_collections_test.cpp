@@ -25,7 +25,7 @@ TEST(HostObjects, AnswerTheirObjectNames) {
   IUnknown* collection = BASEObject::CreateSimpleCollection();
   IUnknown* buffer = BASEObject::CreateDBLBuffer();
   ASSERT_TRUE(string && variant && collection && buffer);
-  EXPECT_EQ(NameOf(string), L"CreatableString");
+  EXPECT_EQ(NameOf(string), L"<none>");  // strings are values, not named objects
   EXPECT_EQ(NameOf(variant), L"Variant");
   EXPECT_EQ(NameOf(collection), L"SimpleCollection");
   EXPECT_EQ(NameOf(buffer), L"DblBuffer");
