@@ -1,5 +1,7 @@
 #include "persist/FileArchiveImpl.h"
 
+#include "frame/StringRefs.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <new>
@@ -295,14 +297,7 @@ IString* NewString(const wchar_t* text, int length) {
   return s;
 }
 
-CREFString View(IString* text) {
-  CREFString view;
-  if (!text) return view;
-  const wchar_t* p = nullptr;
-  int n = 0;
-  if (text->GetString(&p, &n) < 0 || !p || n < 0) return view;
-  return CREFString(p, n);
-}
+CREFString View(IString* text) { return ViewOf(text); }
 
 CREFString Extension(const CREFString& name) {
   for (int i = name.m_Length - 1; i > 0; --i)

@@ -5,18 +5,11 @@
 
 #include "frame/Components.h"
 #include "frame/Conversions.h"
+#include "frame/StringRefs.h"
 
 namespace {
 
-// A view of a host string's text (empty for null). The pointer is the string's own text.
-CREFString View(IString* text) {
-  CREFString view;
-  if (!text) return view;
-  const wchar_t* p = nullptr;
-  int n = 0;
-  if (text->GetString(&p, &n) < 0 || !p || n < 0) return view;
-  return CREFString(p, n);
-}
+CREFString View(IString* text) { return ViewOf(text); }
 
 bool SameI(wchar_t a, wchar_t b) { return std::towlower(static_cast<wint_t>(a)) == std::towlower(static_cast<wint_t>(b)); }
 

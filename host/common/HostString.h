@@ -30,3 +30,7 @@ class CHostString : public CObject<CHostString>, public ICreatableString {
 
 // The text of any IString as a std::wstring (empty for null).
 std::wstring HostText(IString* text);
+
+// UTF-8 of wide text; values that are not Unicode scalars become U+FFFD.
+std::string HostUtf8(const wchar_t* text, size_t length);
+inline std::string HostUtf8(const std::wstring& text) { return HostUtf8(text.data(), text.size()); }

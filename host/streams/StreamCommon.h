@@ -3,6 +3,8 @@
 // encoding, and the checksum of the folder stream format.
 #pragma once
 
+#include "host/common/HostString.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -27,7 +29,7 @@ StreamKey KeyOf(IUnknown* key);
 bool TextOf(IUnknown* value, std::wstring* text);
 
 // UTF-8 of wide text; values that are not Unicode scalars become U+FFFD.
-std::string ToUtf8(const wchar_t* text, size_t length);
+inline std::string ToUtf8(const wchar_t* text, size_t length) { return HostUtf8(text, length); }
 
 // IEEE CRC-32 (reflected, polynomial 0xEDB88320), as used by zip and PNG.
 uint32_t Crc32(const uint8_t* data, size_t size);

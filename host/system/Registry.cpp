@@ -77,28 +77,6 @@ std::wstring DecodeUTF8(const std::string& bytes) {
   return out;
 }
 
-std::string EncodeUTF8(const std::wstring& text) {
-  std::string out;
-  for (wchar_t w : text) {
-    const uint32_t c = static_cast<uint32_t>(w);
-    if (c < 0x80) {
-      out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | ((c >> 18) & 0x07)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-  }
-  return out;
-}
 
 std::string DefaultRegistryFile() {
   const char* named = std::getenv("ZELTRIM_REGISTRY");
@@ -139,7 +117,7 @@ class CRegistry : public CObject<CRegistry>,
   HRESULT Open(IString* file) override {
     const std::wstring name = HostText(file);
     if (name.empty()) return E_INVALIDARG;
-    m_File = EncodeUTF8(name);
+    m_File = HostUtf8(name);
     return Read() ? S_OK : E_FAIL;
   }
 
@@ -149,10 +127,10 @@ class CRegistry : public CObject<CRegistry>,
     for (const Section& section : m_Sections) {
       if (!section.name.empty() || !section.settings.empty()) {
         if (!text.empty()) text += "\n";
-        text += "[" + EncodeUTF8(section.name) + "]\n";
+        text += "[" + HostUtf8(section.name) + "]\n";
       }
       for (const Setting& setting : section.settings)
-        text += EncodeUTF8(setting.key) + "=" + EncodeUTF8(setting.value) + "\n";
+        text += HostUtf8(setting.key) + "=" + HostUtf8(setting.value) + "\n";
     }
     FILE* file = std::fopen(m_File.c_str(), "wb");
     if (!file) return E_FAIL;

@@ -13,6 +13,16 @@ typedef HRESULT (*CreateFunctionFn)(tagREFString, void**);
 typedef HRESULT (*InitializeModuleFn)(void*, IComponentCollection*);
 typedef HRESULT (*CreatorFn)(void*, IID*, void**);
 
+// The module's creatable objects, in the order its factory tests them.
+inline const wchar_t* const kCreatableObjectNames[18] = {
+    L"CalibrationBestFit",      L"CalibrationDistortionRadial", L"CalibrationFitAndFilter",
+    L"CalibrationFisheye",      L"CalibrationInfoPropPage",     L"CalibrationMatrixPropPage",
+    L"CalibrationPolynomial",   L"CalibrationsCollection",      L"Camera3DCalibration",
+    L"Camera3DCalibrationPlane", L"Camera3DTransform",          L"Camera3DTrinsic",
+    L"CameraLinearCalibration", L"SingleViewGeometry",          L"MultiViewGeometry",
+    L"TransformBestFit",        L"TransformInterrogate",        L"TransformResidualErrors",
+};
+
 inline tagREFString Ref(const wchar_t* text) { return tagREFString{static_cast<int32_t>(std::wcslen(text)), text}; }
 
 struct LoadedModule {

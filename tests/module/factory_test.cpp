@@ -34,16 +34,8 @@ TEST(ModuleFactory, RefusesOtherCaseLengthOrEmptyNamesAndLeavesTheResultPlace) {
 
 TEST(ModuleFactory, RowsWithoutAClassInThisBuildAnswerLikeUnknownNames) {
   LoadedModule& m = LoadedModule::Get();
-  const wchar_t* const table[] = {
-      L"CalibrationBestFit",      L"CalibrationDistortionRadial", L"CalibrationFitAndFilter",
-      L"CalibrationFisheye",      L"CalibrationInfoPropPage",     L"CalibrationMatrixPropPage",
-      L"CalibrationPolynomial",   L"CalibrationsCollection",      L"Camera3DCalibration",
-      L"Camera3DCalibrationPlane", L"Camera3DTransform",          L"Camera3DTrinsic",
-      L"CameraLinearCalibration", L"SingleViewGeometry",          L"MultiViewGeometry",
-      L"TransformBestFit",        L"TransformInterrogate",        L"TransformResidualErrors",
-  };
   int provided = 0;
-  for (const wchar_t* name : table) {
+  for (const wchar_t* name : kCreatableObjectNames) {
     void* creator = kUntouched;
     const HRESULT hr = m.createFunction(Ref(name), &creator);
     if (hr == S_OK) {

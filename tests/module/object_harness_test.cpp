@@ -11,14 +11,6 @@
 
 namespace {
 
-const wchar_t* const kObjects[] = {
-    L"CalibrationBestFit",      L"CalibrationDistortionRadial", L"CalibrationFitAndFilter",
-    L"CalibrationFisheye",      L"CalibrationInfoPropPage",     L"CalibrationMatrixPropPage",
-    L"CalibrationPolynomial",   L"CalibrationsCollection",      L"Camera3DCalibration",
-    L"Camera3DCalibrationPlane", L"Camera3DTransform",          L"Camera3DTrinsic",
-    L"CameraLinearCalibration", L"SingleViewGeometry",          L"MultiViewGeometry",
-    L"TransformBestFit",        L"TransformInterrogate",        L"TransformResidualErrors",
-};
 
 // Every interface a module object may answer.
 const IID* const kInterfaces[] = {
@@ -31,7 +23,7 @@ const IID* const kInterfaces[] = {
 
 std::vector<std::wstring> BuiltObjects() {
   std::vector<std::wstring> built;
-  for (const wchar_t* name : kObjects) {
+  for (const wchar_t* name : kCreatableObjectNames) {
     void* creator = nullptr;
     if (LoadedModule::Get().createFunction(Ref(name), &creator) == S_OK) built.push_back(name);
   }

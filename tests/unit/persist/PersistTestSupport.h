@@ -2,6 +2,7 @@
 // helpers, and scratch files.
 #pragma once
 
+#include "tests/unit/TestText.h"
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,21 +17,8 @@
 
 namespace persist_test {
 
-// The text of a host string, which is released; "<null>" for a null string.
-inline std::wstring Take(IString* text) {
-  if (!text) return L"<null>";
-  const wchar_t* chars = nullptr;
-  int length = 0;
-  text->GetString(&chars, &length);
-  std::wstring result = (chars && length > 0) ? std::wstring(chars, static_cast<size_t>(length)) : std::wstring();
-  text->Release();
-  return result;
-}
-
-inline std::wstring ViewText(const tagREFString& view) {
-  if (!view.m_Text || view.m_Length <= 0) return std::wstring();
-  return std::wstring(view.m_Text, static_cast<size_t>(view.m_Length));
-}
+using test_text::Take;
+using test_text::ViewText;
 
 inline std::wstring Trimmed(const std::wstring& text) {
   const size_t begin = text.find_first_not_of(L" \t\r\n");

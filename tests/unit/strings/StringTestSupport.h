@@ -1,6 +1,7 @@
 // Helpers shared by the string and conversion tests.
 #pragma once
 
+#include "tests/unit/TestText.h"
 #include <string>
 
 #include "frame/Conversions.h"
@@ -8,21 +9,8 @@
 
 namespace strings_test {
 
-// The text of a host string, which is released; "<null>" for a null string.
-inline std::wstring Take(IString* text) {
-  if (!text) return L"<null>";
-  const wchar_t* chars = nullptr;
-  int length = 0;
-  text->GetString(&chars, &length);
-  std::wstring result = (chars && length > 0) ? std::wstring(chars, static_cast<size_t>(length)) : std::wstring();
-  text->Release();
-  return result;
-}
-
-inline std::wstring ViewText(const tagREFString& view) {
-  if (!view.m_Text || view.m_Length <= 0) return std::wstring();
-  return std::wstring(view.m_Text, static_cast<size_t>(view.m_Length));
-}
+using test_text::Take;
+using test_text::ViewText;
 
 inline CREFString View(const std::wstring& text) {
   return CREFString(text.c_str(), static_cast<int>(text.size()));
