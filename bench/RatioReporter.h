@@ -1,5 +1,6 @@
-// A console reporter that keeps the real time of every run and, at the end, prints the
-// ratio of each independent library's time to ours for the pairs named
+// A console reporter that keeps the CPU time of every run (the median when repetitions
+// are asked for; CPU time, because the build machines are shared) and, at the end,
+// prints the ratio of each independent library's time to ours for the pairs named
 // <stem>/ours and <stem>/<library> (above 1: ours is faster).
 #pragma once
 
@@ -15,12 +16,15 @@ class RatioReporter : public benchmark::ConsoleReporter {
   explicit RatioReporter(std::vector<std::string> libraries) : libraries_(std::move(libraries)) {}
 
   void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) times_[r.benchmark_name()] = r.GetAdjustedRealTime();
+    for (const Run& r : runs) {
+      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
+      times_[r.run_name.str()] = r.GetAdjustedCPUTime();
+    }
     ConsoleReporter::ReportRuns(runs);
   }
 
   void PrintRatios() const {
-    std::printf("\n%-44s %14s %14s %8s\n", "case", "ours", "library", "lib/ours");
+    std::printf("\n%-44s %14s %14s %8s\n", "case (CPU time)", "ours", "library", "lib/ours");
     const std::string suffix = "/ours";
     for (const auto& [name, ours] : times_) {
       if (name.size() < suffix.size() || name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)

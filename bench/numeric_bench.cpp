@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/RatioReporter.h"
 #include "numeric/CholeskiLeastSquares.h"
 #include "numeric/MatrixLevenbergMarquardt.h"
 #include "numeric/MatrixSVD.h"
@@ -198,36 +199,6 @@ void LmCminpack(benchmark::State& state, LmCase c) {
 }
 #endif
 
-// Keeps the CPU time of every run (the median when repetitions are asked for), to print
-// the ratio table at the end. CPU time, because the build machines are shared.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
-      times_[r.run_name.str()] = r.GetAdjustedCPUTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void PrintRatios() const {
-    std::printf("\n%-40s %14s %14s %8s\n", "case (CPU time)", "ours", "library", "lib/ours");
-    for (const auto& [name, ours] : times_) {
-      const std::string suffix = "/ours";
-      if (name.size() < suffix.size() || name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
-        continue;
-      const std::string stem = name.substr(0, name.size() - suffix.size());
-      for (const char* lib : {"/lapack", "/cminpack"}) {
-        auto it = times_.find(stem + lib);
-        if (it == times_.end()) continue;
-        std::printf("%-40s %14.3f %14.3f %8.2f\n", (stem + lib).c_str(), ours, it->second, it->second / ours);
-      }
-    }
-  }
-
- private:
-  std::map<std::string, double> times_;
-};
-
 void RegisterAll() {
   const int svdShapes[][2] = {{3, 4}, {3, 3}, {4, 4}, {9, 9}, {40, 9}, {2000, 9}};
   for (const auto& s : svdShapes) {
@@ -272,7 +243,7 @@ int main(int argc, char** argv) {
   RegisterAll();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
+  RatioReporter reporter({"lapack", "cminpack"});
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.PrintRatios();
   benchmark::Shutdown();
