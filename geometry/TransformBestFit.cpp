@@ -5,6 +5,7 @@
 #include <emmintrin.h>
 #endif
 #include <cstring>
+#include <initializer_list>
 #include <vector>
 
 #include "frame/Components.h"
@@ -42,15 +43,24 @@ void Product(const double* a, const double* b, double* out) {
   std::memcpy(out, r, sizeof(r));
 }
 
-// M = T(-first) middle T(second).
-void Compose(const double* first, const double* middle, const double* second, double* m) {
-  double minus[3] = {-first[0], -first[1], -first[2]};
-  double t1[16], t2[16];
-  Translation(t1, minus);
-  Translation(t2, second);
-  double tmp[16];
-  Product(t1, middle, tmp);
-  Product(tmp, t2, m);
+// out = the product of the factors, multiplied from the left in the order given (the
+// order decides the last bits of the result).
+void Chain(std::initializer_list<const double*> factors, double* out) {
+  Identity(out);
+  bool first = true;
+  for (const double* f : factors) {
+    if (first)
+      std::memcpy(out, f, 16 * sizeof(double));
+    else
+      Product(out, f, out);
+    first = false;
+  }
+}
+
+// T(-v).
+void MinusTranslation(double* m, const double* v) {
+  const double minus[3] = {-v[0], -v[1], -v[2]};
+  Translation(m, minus);
 }
 
 double Length(const double* v) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]); }
@@ -207,15 +217,18 @@ HRESULT CTransformBestFit::FitTwoPoints(ISimpleCollection* source, ISimpleCollec
   double r[16];
   Identity(r);
   CMatrixUtils().SetHomogeneousRotation(r, v, w);
+  // M = T(-p0) R [diag(|w|/|v|)] T(q0); method 3 does not scale in this route.
+  double from[16], to[16], scale[16];
+  MinusTranslation(from, p0);
+  Translation(to, q0);
   const int nibble = method & 0xF;
   if ((nibble == 2 || nibble == 4) && lv != 0) {
-    const double s = lw / lv;
-    double scale[16];
     Identity(scale);
-    scale[0] = scale[5] = scale[10] = s;
-    Product(r, scale, r);
+    scale[0] = scale[5] = scale[10] = lw / lv;
+    Chain({from, r, scale, to}, m_Matrix);
+  } else {
+    Chain({from, r, to}, m_Matrix);
   }
-  Compose(p0, r, q0, m_Matrix);
   return S_OK;
 }
 
@@ -224,9 +237,10 @@ HRESULT CTransformBestFit::FitTranslation(ISimpleCollection* source, ISimpleColl
   double ms[3], mt[3];
   variance.CalcMean(source, ms);
   variance.CalcMean(target, mt);
-  double identity[16];
-  Identity(identity);
-  Compose(ms, identity, mt, m_Matrix);
+  double from[16], to[16];
+  MinusTranslation(from, ms);
+  Translation(to, mt);
+  Chain({from, to}, m_Matrix);
   return S_OK;
 }
 
@@ -257,7 +271,10 @@ HRESULT CTransformBestFit::FitAffine(ISimpleCollection* source, ISimpleCollectio
   // The row count passes as a signed 16-bit value; larger sets are truncated.
   const HRESULT hr = CLSCholeski(design.data(), right.data(), a, 9, static_cast<short>(rows));
   const double b[16] = {a[0], a[3], a[6], 0, a[1], a[4], a[7], 0, a[2], a[5], a[8], 0, 0, 0, 0, 1};
-  Compose(ms, b, mt, m_Matrix);
+  double from[16], to[16];
+  MinusTranslation(from, ms);
+  Translation(to, mt);
+  Chain({from, b, to}, m_Matrix);
   UpdateFitErrors(source, target, method);
   return hr;
 }
@@ -346,20 +363,23 @@ HRESULT CTransformBestFit::FitCovariance(ISimpleCollection* source, ISimpleColle
     for (int j = 0; j < 3; ++j) b[4 * i + j] = w[3 * j + i];
   b[15] = 1.0;
 
+  // M = T(-ms) D B T(mt): scale before rotation, and the target mean stays divided by
+  // the scale.
   double mt[3] = {variance.m_Mean2[0], variance.m_Mean2[1], variance.m_Mean2[2]};
-  double db[16];
+  double from[16], to[16];
+  MinusTranslation(from, variance.m_Mean1);
   if ((method & 6) == 0) {
-    std::memcpy(db, b, sizeof(db));
+    Translation(to, mt);
+    Chain({from, b, to}, m_Matrix);
   } else {
-    // Scale before rotation, and the target mean stays divided by the scale.
     const double scale = variance.m_Scale;
     for (double& c : mt) c /= scale;
+    Translation(to, mt);
     double d[16];
     Identity(d);
     d[0] = d[5] = d[10] = scale;
-    Product(d, b, db);
+    Chain({from, d, b, to}, m_Matrix);
   }
-  Compose(variance.m_Mean1, db, mt, m_Matrix);
   UpdateFitErrors(source, target, method);
   return S_OK;
 }
