@@ -157,7 +157,7 @@ HRESULT CREFString::Split(CREFString* left, CREFString* right, CREFString separa
   if (length > 0 && setLength > 0) {
     for (int i = 0; i < length; ++i) {
       const wchar_t c = m_Text[i];
-      if (InSet(c, separators.m_Text, setLength) || (stopAtControl && c >= 0 && c < 32)) {
+      if (InSet(c, separators.m_Text, setLength) || (stopAtControl && c < 32)) {
         SetView(left, m_Text, i);
         SetView(right, m_Text + i, length - i);
         return S_OK;

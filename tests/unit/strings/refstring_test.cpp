@@ -168,6 +168,20 @@ TEST(RefStringSplit, AtSeparatorOrControlCharacter) {
   EXPECT_EQ(ViewText(left), L"ab\tc");
 }
 
+TEST(RefStringSplit, ControlStopTakesEveryValueBelowThirtyTwo) {
+  // wchar_t is signed here: a negative value is below 32 and stops the scan too.
+  std::wstring text = L"ab";
+  text.push_back(static_cast<wchar_t>(-5));
+  text += L"c";
+  CREFString left, right;
+  CREFString view = View(text);
+  EXPECT_EQ(view.Split(&left, &right, CREFString(L";", 1), 1), S_OK);
+  EXPECT_EQ(ViewText(left), L"ab");
+  EXPECT_EQ(right.m_Length, 2);
+  EXPECT_EQ(view.Split(&left, &right, CREFString(L";", 1), 0), E_FAIL);
+  EXPECT_EQ(left.m_Length, 4);
+}
+
 TEST(RefStringSplit, NotFound) {
   std::wstring text = L"ab\tc";
   CREFString left, right;
