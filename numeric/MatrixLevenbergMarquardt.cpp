@@ -472,7 +472,7 @@ double CMatrixLevenbergMarquardt::lm_enorm(int n, const double* x) {
       // large components, scaled by the running maximum
       if (xabs > x1max) {
         const double temp = x1max / xabs;
-        s1 = 1.0 + s1 * temp * temp;
+        s1 = 1.0 + s1 * (temp * temp);  // the square first, then the scaling
         x1max = xabs;
       } else {
         const double temp = xabs / x1max;
@@ -482,7 +482,7 @@ double CMatrixLevenbergMarquardt::lm_enorm(int n, const double* x) {
       // small components (and NaN)
       if (xabs > x3max) {
         const double temp = x3max / xabs;
-        s3 = 1.0 + s3 * temp * temp;
+        s3 = 1.0 + s3 * (temp * temp);
         x3max = xabs;
       } else if (xabs != 0.0) {
         const double temp = xabs / x3max;
