@@ -67,17 +67,19 @@ HRESULT CholeskiLeastSquares::CLSCholeski(double* a, double* b, double* x, short
     inverseDiagonal[k] = 1.0 / pivot;
   }
 
+  // Both substitutions form the sum of the products first (ascending index) and
+  // subtract it once.
   if (result == S_OK) {
     for (size_t k = 0; k < N; ++k) {
       const double* rowk = normal + k * N;
-      double v = rhs[k];
-      for (size_t i = 0; i < k; ++i) v -= rowk[i] * x[i];
-      x[k] = v;
+      double sum = 0.0;
+      for (size_t i = 0; i < k; ++i) sum += rowk[i] * x[i];
+      x[k] = rhs[k] - sum;
     }
     for (size_t k = N; k-- > 0;) {
-      double v = inverseDiagonal[k] * x[k];
-      for (size_t i = k + 1; i < N; ++i) v -= normal[i * N + k] * x[i];
-      x[k] = v;
+      double sum = 0.0;
+      for (size_t i = k + 1; i < N; ++i) sum += normal[i * N + k] * x[i];
+      x[k] = inverseDiagonal[k] * x[k] - sum;
     }
   }
   CLSFree();

@@ -86,6 +86,26 @@ TEST(CholeskiLeastSquares, HandWorkedLineFit) {
   EXPECT_NEAR(x[1], 1.0, 1e-13);
 }
 
+TEST(CholeskiLeastSquares, SubstitutionsSubtractTheWholeSum) {
+  // Square triangular system A x = b, exactly solvable:
+  //   x0           + e x2 = 1
+  //          x1    + e x2 = 1      with e = 2^-53,
+  //                  x2   = 1
+  // so x = (1 - e, 1 - e, 1). A^T A and A^T b are formed exactly except N22 = 1 + 2e^2,
+  // which rounds to 1 and leaves the factor L = A^T, D = I exact. The third forward
+  // step is rhs2 - (L20 x0 + L21 x1) = (1 + 2e) - 2e = 1 exactly; subtracting the
+  // two products one at a time would round 1 + e to 1 and end at 1 - e instead.
+  const double e = std::ldexp(1.0, -53);
+  double a[9] = {1, 0, e, 0, 1, e, 0, 0, 1};
+  double b[3] = {1, 1, 1};
+  double x[3] = {0, 0, 0};
+  CholeskiLeastSquares solver;
+  ASSERT_EQ(solver.CLSCholeski(a, b, x, 3, 3), S_OK);
+  EXPECT_EQ(x[2], 1.0);
+  EXPECT_EQ(x[1], 1.0 - e);
+  EXPECT_EQ(x[0], 1.0 - e);
+}
+
 TEST(CholeskiLeastSquares, VanishingPivotFails) {
   Solver solver;
   double x[3] = {5, 5, 5};
