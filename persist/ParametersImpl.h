@@ -469,6 +469,11 @@ class IParametersImpl : public I {
     using namespace params_detail;
     SmartPtr<ICSVStream> csv = QueryAs<ICSVStream>(stream);
     if (!csv) return S_OK;
+    // Two bytes a character, though a character takes four.
+    auto writeHalf = [stream](IString* text) {
+      const std::wstring chars = Text(text);
+      stream->Write(chars.c_str(), static_cast<int>(chars.size()) * 2, 0);
+    };
     const int count = m_Count;
     for (int i = 0; i < count; ++i) {
       int flags = 0;
@@ -478,16 +483,14 @@ class IParametersImpl : public I {
       if (options & PERSIST_CSV_NAME_VALUE) {
         SmartPtr<IString> name;
         this->get_ItemName(i, name.Out());
-        const std::wstring text = Text(name);
-        stream->Write(text.c_str(), static_cast<int>(text.size()) * 2, 0);
+        writeHalf(name);
         stream->Write(L"=", 2, 0);
       }
       SmartPtr<IVariant> value;
       this->get_ItemVariant(i, value.Out());
       SmartPtr<IString> valueText;
       valueText.Attach(ValueText(value));
-      const std::wstring text = Text(valueText);
-      stream->Write(text.c_str(), static_cast<int>(text.size()) * 2, 0);
+      writeHalf(valueText);
     }
     return S_OK;
   }
