@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "host/client/ModuleHost.h"
-#include "host/streams/Checksum.h"
+#include "host/streams/FolderCodec.h"
 #include "host/streams/XMLText.h"
 
 namespace client {
@@ -24,7 +24,6 @@ constexpr size_t kMaxModulePathBytes = 254;
 // The module reads no larger file.
 constexpr unsigned long long kMaxFileBytes = 256ull << 20;
 // Folder stream header: magic, version, flags, payload length, checksum (host/README.md).
-constexpr size_t kFolderHeaderBytes = 16;
 constexpr char kFolderMagic[4] = {'Z', 'T', 'F', 'S'};
 constexpr unsigned kFolderVersion = 1;
 // The entry beside the object in a folder stream file.
@@ -151,37 +150,28 @@ uint32_t U32At(const Bytes& b, size_t at) {
          static_cast<uint32_t>(b[at + 3]) << 24;
 }
 
-// The folder stream's header and checksum here, its entries through the host's reader.
-std::string CheckFolder(IComponentCollection* components, const Bytes& b, std::wstring* objectName) {
+// The folder stream's header is looked at here for a message that says what is wrong;
+// the codec then reads the whole tree as the host's folder stream will.
+std::string CheckFolder(const Bytes& b, std::wstring* objectName) {
   const size_t n = b.size();
-  if (n < kFolderHeaderBytes)
-    return Printf("truncated folder stream (%llu bytes, less than its %llu-byte header)", n, kFolderHeaderBytes);
+  if (n < folder_codec::kHeaderBytes)
+    return Printf("truncated folder stream (%llu bytes, less than its %llu-byte header)", n, folder_codec::kHeaderBytes);
   if (std::memcmp(b.data(), kFolderMagic, sizeof(kFolderMagic)) != 0)
     return "not a folder stream (it does not begin with ZTFS)";
   const unsigned version = b[4] | b[5] << 8, flags = b[6] | b[7] << 8;
-  if (version != kFolderVersion) return Printf("a folder stream of version %llu; this host reads version %llu", version, kFolderVersion);
+  if (version != kFolderVersion)
+    return Printf("a folder stream of version %llu; this host reads version %llu", version, kFolderVersion);
   if (flags != 0) return Printf("a folder stream with flags %llu; this host reads none", flags);
-  const unsigned long long whole = kFolderHeaderBytes + static_cast<unsigned long long>(U32At(b, 8));
+  const unsigned long long whole = folder_codec::kHeaderBytes + static_cast<unsigned long long>(U32At(b, 8));
   if (whole > n) return Printf("truncated folder stream (%llu of %llu bytes)", n, whole);
   if (whole < n) return Printf("%llu bytes after the end of the folder stream", n - whole);
-  if (U32At(b, 12) != streams::Crc32(b.data() + kFolderHeaderBytes, n - kFolderHeaderBytes))
+  if (U32At(b, 12) != folder_codec::Crc32(b.data() + folder_codec::kHeaderBytes, n - folder_codec::kHeaderBytes))
     return "checksum mismatch";
-
-  SmartPtr<IFolderStream> folder = HostObject<IFolderStream>(components, L"FolderStream");
-  SmartPtr<INamedCollection> entries = QueryAs<INamedCollection>(folder);
-  if (!folder || !entries) return "the host has no FolderStream object to read the file with";
-  if (folder->Open(const_cast<uint8_t*>(b.data()), static_cast<unsigned long>(n), 0) < 0)
-    return "damaged folder stream (its entries do not read)";
-  int count = 0;
-  entries->get_Count(&count);
-  for (int i = 0; i < count; ++i) {
-    SmartPtr<IString> name;
-    const wchar_t* text = nullptr;
-    int length = 0;
-    if (entries->get_ItemName(i, name.Out()) < 0 || !name || name->GetString(&text, &length) < 0 || !text) continue;
-    const std::wstring entry(text, static_cast<size_t>(length > 0 ? length : 0));
-    if (entry != kInfoEntry) {
-      *objectName = entry;
+  std::vector<folder_codec::Entry> entries;
+  if (!folder_codec::Decode(b.data(), n, 0, &entries)) return "damaged folder stream (its entries do not read)";
+  for (const folder_codec::Entry& entry : entries) {
+    if (entry.name != kInfoEntry && entry.type == folder_codec::TYPE_OBJECT) {
+      *objectName = entry.name;
       return std::string();
     }
   }
@@ -293,7 +283,7 @@ FileForm FormOfPath(const std::string& path) {
   return first == 'x' ? FileForm::kXML : first == 't' ? FileForm::kFolder : FileForm::kNone;
 }
 
-FileReport CheckFile(IComponentCollection* components, const std::string& given, const std::wstring& expected) {
+FileReport CheckFile(const std::string& given, const std::wstring& expected) {
   const std::string path = Absolute(given);
   std::wstring wide;
   std::string problem = ModulePathProblem(path, &wide);
@@ -317,7 +307,7 @@ FileReport CheckFile(IComponentCollection* components, const std::string& given,
       return Refused(Printf("not well-formed XML at line %llu: ", check.line) + check.problem);
     report.objectName = text.substr(check.root.nameStart, check.root.nameLength);
   } else {
-    problem = CheckFolder(components, bytes, &report.objectName);
+    problem = CheckFolder(bytes, &report.objectName);
     if (!problem.empty()) return Refused(problem);
   }
   if (!expected.empty() && report.objectName != expected) {
@@ -332,7 +322,7 @@ FileReport LoadFile(IComponentCollection* components, IUnknown* object, const st
   const std::string path = Absolute(given);
   SmartPtr<IFileArchive> archive = QueryAs<IFileArchive>(object);
   if (!archive) return Refused("the object keeps no files");
-  FileReport report = CheckFile(components, path, ObjectNameOf(object));
+  FileReport report = CheckFile(path, ObjectNameOf(object));
   if (!report.ok) return report;
   std::wstring wide;
   ModulePathProblem(path, &wide);
@@ -374,7 +364,7 @@ FileReport SaveFile(IComponentCollection* components, IUnknown* object, const st
     report.objectName = ObjectNameOf(object);
     return report;
   }
-  FileReport report = CheckFile(components, path, ObjectNameOf(object));
+  FileReport report = CheckFile(path, ObjectNameOf(object));
   if (!report.ok) return Refused("the saved file does not read back: " + report.problem + old.Undo(true));
   old.Keep();
   return report;

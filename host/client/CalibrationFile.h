@@ -4,8 +4,8 @@
 // whatever the object made of the text, and from a folder-stream save whatever the write
 // did, and it cuts file names longer than 254 bytes of UTF-8. These functions check a file
 // before the module reads it and after it wrote one, and say in one line what is wrong.
-// They reach host objects ("CreatableString", "FolderStream") through the global component
-// collection. A relative path is taken from the working folder.
+// Loading and saving make the file name a host "CreatableString" through the global
+// component collection. A relative path is taken from the working folder.
 #pragma once
 
 #include <string>
@@ -28,9 +28,10 @@ struct FileReport {
 // Checks the file at `path` without loading it: a path the module opens as given (UTF-8,
 // at most 254 bytes), a regular file that is not empty and can be read, the form its
 // extension names, well-formed XML (16-bit with its byte order mark, or UTF-8) or a sound
-// folder stream (header, length, checksum, entries), holding an object named `expected`
+// folder stream (header, length, checksum, then the whole tree as the host's folder
+// stream reads it), holding an object named `expected`
 // (any object when `expected` is empty).
-FileReport CheckFile(IComponentCollection* components, const std::string& path, const std::wstring& expected);
+FileReport CheckFile(const std::string& path, const std::wstring& expected);
 
 // Checks the file for the object's own class (its IObjectInfo name), then loads it
 // through the object's IFileArchive. The object is not touched when the check fails.

@@ -68,6 +68,7 @@ bool TextOf(IUnknown* value, std::wstring* text) {
   return false;
 }
 
+
 bool SameNameNoCase(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength) {
   if (aLength != bLength) return false;
   for (size_t i = 0; i < aLength; ++i) {

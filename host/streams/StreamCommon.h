@@ -1,6 +1,6 @@
 // Helpers shared by the stream objects of the "Streams" peer module: reading text out of
-// whatever the caller hands in as a name or value (a string or a variant), UTF-8
-// encoding; the checksum of the folder stream format is in Checksum.h.
+// whatever the caller hands in as a name or value (a string or a variant), and UTF-8
+// encoding.
 #pragma once
 
 #include "host/common/HostString.h"
@@ -11,7 +11,6 @@
 
 #include "frame/HostInterfaces.h"
 #include "frame/ModuleInterfaces.h"
-#include "host/streams/Checksum.h"
 
 namespace streams {
 

@@ -88,7 +88,7 @@ int RunShow(CommandContext& context) {
   const std::string path = AbsolutePath(context.args[0], context.startDir);
   ModuleHost& host = *context.host;
 
-  const client::FileReport found = client::CheckFile(host.Components(), path, std::wstring());
+  const client::FileReport found = client::CheckFile(path, std::wstring());
   if (!found.ok) return Fail("cannot show " + path + ": " + found.problem);
   const std::wstring& object = found.objectName;
   void* p = nullptr;
