@@ -19,79 +19,6 @@ HRESULT CreateXML(bool extended, IID* iid, void** object) {
   return hr;
 }
 
-bool StartsWith(const std::wstring& text, size_t at, const wchar_t* prefix) {
-  const size_t n = std::wcslen(prefix);
-  return at <= text.size() && text.size() - at >= n && text.compare(at, n, prefix) == 0;
-}
-
-bool IsSpace(wchar_t c) { return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n'; }
-
-bool IsNameEnd(wchar_t c) {
-  return IsSpace(c) || c == L'/' || c == L'>' || c == L'<' || c == L'=' || c == L'"' || c == L'\'' || c == 0;
-}
-
-// Index just past the '>' that ends a tag whose attributes start at `p`; npos if none.
-size_t ScanTagEnd(const std::wstring& text, size_t p, bool* selfClosing) {
-  const size_t n = text.size();
-  while (p < n) {
-    const wchar_t c = text[p];
-    if (c == L'"' || c == L'\'') {
-      const size_t close = text.find(c, p + 1);
-      if (close == std::wstring::npos) return close;
-      p = close + 1;
-      continue;
-    }
-    if (c == L'>') {
-      *selfClosing = p > 0 && text[p - 1] == L'/';
-      return p + 1;
-    }
-    if (c == L'<') return std::wstring::npos;
-    ++p;
-  }
-  return std::wstring::npos;
-}
-
-// Past a comment, CDATA section, instruction or declaration at `at`; npos if unterminated.
-// Returns `at` itself when none starts there.
-size_t SkipSpecial(const std::wstring& text, size_t at) {
-  size_t close;
-  if (StartsWith(text, at, L"<!--")) {
-    close = text.find(L"-->", at + 4);
-    return close == std::wstring::npos ? close : close + 3;
-  }
-  if (StartsWith(text, at, L"<![CDATA[")) {
-    close = text.find(L"]]>", at + 9);
-    return close == std::wstring::npos ? close : close + 3;
-  }
-  if (StartsWith(text, at, L"<?")) {
-    close = text.find(L"?>", at + 2);
-    return close == std::wstring::npos ? close : close + 2;
-  }
-  if (StartsWith(text, at, L"<!")) {
-    close = text.find(L'>', at + 2);
-    return close == std::wstring::npos ? close : close + 1;
-  }
-  return at;
-}
-
-bool NameStartChar(uint32_t c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' || (c >= 0xC0 && c <= 0xD6) ||
-         (c >= 0xD8 && c <= 0xF6) || (c >= 0xF8 && c <= 0x2FF) || (c >= 0x370 && c <= 0x37D) ||
-         (c >= 0x37F && c <= 0x1FFF) || (c >= 0x200C && c <= 0x200D) || (c >= 0x2070 && c <= 0x218F) ||
-         (c >= 0x2C00 && c <= 0x2FEF) || (c >= 0x3001 && c <= 0xD7FF) || (c >= 0xF900 && c <= 0xFDCF) ||
-         (c >= 0xFDF0 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0xEFFFF);
-}
-
-bool NameChar(uint32_t c) {
-  return NameStartChar(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == 0xB7 ||
-         (c >= 0x300 && c <= 0x36F) || (c >= 0x203F && c <= 0x2040);
-}
-
-bool XmlChar(uint32_t c) {
-  return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) || (c >= 0xE000 && c <= 0xFFFD) ||
-         (c >= 0x10000 && c <= 0x10FFFF);
-}
-
 }  // namespace
 
 HRESULT CreateXMLStreamObject(void*, IID* iid, void** object) { return CreateXML(false, iid, object); }
@@ -99,157 +26,6 @@ HRESULT CreateXMLStreamExObject(void*, IID* iid, void** object) { return CreateX
 
 ZELTRIM_PEER_CREATOR(L"XMLStream", XMLStream, CreateXMLStreamObject);
 ZELTRIM_PEER_CREATOR(L"XMLStreamEx", XMLStreamEx, CreateXMLStreamExObject);
-
-// ------------------------------------------------------------------ free helpers
-
-std::wstring XMLElementName(const std::wstring& name) {
-  std::wstring out;
-  out.reserve(name.size() + 1);
-  for (size_t i = 0; i < name.size(); ++i) {
-    const uint32_t c = static_cast<uint32_t>(name[i]);
-    if (i == 0 && !NameStartChar(c)) {
-      out.push_back(L'_');
-      if (NameChar(c)) out.push_back(name[i]);  // a leading digit is kept after the '_'
-      continue;
-    }
-    out.push_back(NameChar(c) ? name[i] : L'_');
-  }
-  if (out.empty()) out = L"_";
-  return out;
-}
-
-std::wstring XMLUnescape(const wchar_t* text, size_t length) {
-  const std::wstring in(text, length);
-  std::wstring out;
-  out.reserve(length);
-  size_t i = 0;
-  while (i < length) {
-    const wchar_t c = in[i];
-    if (c == L'<') {
-      if (StartsWith(in, i, L"<![CDATA[")) {
-        const size_t close = in.find(L"]]>", i + 9);
-        const size_t stop = close == std::wstring::npos ? length : close;
-        out.append(in, i + 9, stop - (i + 9));
-        i = close == std::wstring::npos ? length : close + 3;
-        continue;
-      }
-      const size_t past = SkipSpecial(in, i);
-      if (past != i && past != std::wstring::npos) {
-        i = past;  // comments and instructions are not text
-        continue;
-      }
-    } else if (c == L'&') {
-      const size_t semi = in.find(L';', i + 1);
-      if (semi != std::wstring::npos && semi - i <= 12) {
-        const std::wstring ref = in.substr(i + 1, semi - i - 1);
-        uint32_t value = 0;
-        bool known = true;
-        if (ref == L"amp") value = '&';
-        else if (ref == L"lt") value = '<';
-        else if (ref == L"gt") value = '>';
-        else if (ref == L"quot") value = '"';
-        else if (ref == L"apos") value = '\'';
-        else if (ref.size() >= 2 && ref[0] == L'#') {
-          const bool hex = ref[1] == L'x' || ref[1] == L'X';
-          const size_t first = hex ? 2 : 1;
-          known = ref.size() > first;
-          for (size_t k = first; k < ref.size() && known; ++k) {
-            const wchar_t d = ref[k];
-            uint32_t digit;
-            if (d >= L'0' && d <= L'9') digit = static_cast<uint32_t>(d - L'0');
-            else if (hex && d >= L'a' && d <= L'f') digit = static_cast<uint32_t>(d - L'a' + 10);
-            else if (hex && d >= L'A' && d <= L'F') digit = static_cast<uint32_t>(d - L'A' + 10);
-            else {
-              known = false;
-              break;
-            }
-            value = value * (hex ? 16 : 10) + digit;
-            if (value > 0x10FFFF) known = false;
-          }
-          if (value == 0) known = false;
-        } else {
-          known = false;
-        }
-        if (known) {
-          out.push_back(static_cast<wchar_t>(value));
-          i = semi + 1;
-          continue;
-        }
-      }
-    }
-    out.push_back(c);  // anything unrecognised stays as it is
-    ++i;
-  }
-  return out;
-}
-
-bool XMLScanElement(const std::wstring& text, size_t start, CXMLStream::Element* element) {
-  const size_t n = text.size();
-  if (start >= n || text[start] != L'<') return false;
-  CXMLStream::Element e;
-  e.start = start;
-  size_t p = start + 1;
-  e.nameStart = p;
-  while (p < n && !IsNameEnd(text[p])) ++p;
-  e.nameLength = p - e.nameStart;
-  if (e.nameLength == 0) return false;
-  bool selfClosing = false;
-  p = ScanTagEnd(text, p, &selfClosing);
-  if (p == std::wstring::npos) return false;
-  if (selfClosing) {
-    e.contentStart = e.contentEnd = e.end = p;
-    *element = e;
-    return true;
-  }
-  e.contentStart = p;
-  // Open elements as (name start, name length); closing tags must match them.
-  std::vector<std::pair<size_t, size_t>> open;
-  open.emplace_back(e.nameStart, e.nameLength);
-  while (true) {
-    const size_t r = text.find(L'<', p);
-    if (r == std::wstring::npos) return false;
-    const size_t past = SkipSpecial(text, r);
-    if (past == std::wstring::npos) return false;
-    if (past != r) {
-      p = past;
-      continue;
-    }
-    if (StartsWith(text, r, L"</")) {
-      size_t q = r + 2;
-      const size_t nameStart = q;
-      while (q < n && !IsNameEnd(text[q])) ++q;
-      const size_t nameLength = q - nameStart;
-      while (q < n && IsSpace(text[q])) ++q;
-      if (q >= n || text[q] != L'>') return false;
-      const auto& top = open.back();
-      if (nameLength != top.second || text.compare(nameStart, nameLength, text, top.first, top.second) != 0)
-        return false;
-      open.pop_back();
-      p = q + 1;
-      if (open.empty()) {
-        e.contentEnd = r;
-        e.end = p;
-        *element = e;
-        return true;
-      }
-      continue;
-    }
-    size_t q = r + 1;
-    const size_t nameStart = q;
-    while (q < n && !IsNameEnd(text[q])) ++q;
-    const size_t nameLength = q - nameStart;
-    if (nameLength == 0) return false;
-    bool childClosing = false;
-    q = ScanTagEnd(text, q, &childClosing);
-    if (q == std::wstring::npos) return false;
-    e.hasChildren = true;
-    if (!childClosing) {
-      if (open.size() >= CXMLStream::kMaxDepth) return false;
-      open.emplace_back(nameStart, nameLength);
-    }
-    p = q;
-  }
-}
 
 // ------------------------------------------------------------------ the object
 
@@ -278,21 +54,34 @@ void CXMLStream::ResetReading() {
 }
 
 HRESULT CXMLStream::Open(void* text, unsigned long bytes, int) {
+  m_Text.clear();
+  m_Position = 0;
+  m_TextOnly = false;
+  m_Refused = false;
+  m_OpenNames.clear();
+  m_HadChild.clear();
+  ResetReading();
+  if (!text) return S_OK;
   try {
-    m_Text.clear();
-    m_Position = 0;
-    m_TextOnly = false;
-    m_OpenNames.clear();
-    m_HadChild.clear();
-    ResetReading();
-    if (text) {
-      size_t chars = bytes / sizeof(wchar_t);
-      const wchar_t* p = static_cast<const wchar_t*>(text);
-      while (chars > 0 && p[chars - 1] == L'\0') --chars;  // a terminator counted in
-      m_Text.assign(p, chars);
+    if (bytes % sizeof(wchar_t) != 0) {
+      m_Refused = true;  // a character cut short
+      return E_FAIL;
     }
+    size_t chars = bytes / sizeof(wchar_t);
+    const wchar_t* p = static_cast<const wchar_t*>(text);
+    while (chars > 0 && p[chars - 1] == L'\0') --chars;  // a terminator counted in
+    m_Text.assign(p, chars);
+    if (m_Text.empty()) return S_OK;
+    size_t at = 0;
+    if (!XMLJoinSurrogates(&m_Text, &at) || !XMLCheckDocument(m_Text).wellFormed) {
+      m_Text.clear();
+      m_Refused = true;
+      return E_FAIL;
+    }
+    if (m_Text[0] == L'\xFEFF') m_Text.erase(0, 1);
   } catch (...) {
     m_Text.clear();
+    m_Refused = true;
     return E_FAIL;
   }
   return S_OK;
@@ -300,6 +89,7 @@ HRESULT CXMLStream::Open(void* text, unsigned long bytes, int) {
 
 HRESULT CXMLStream::Read(void* data, int bytes, int* read) {
   if (read) *read = 0;
+  if (m_Refused) return E_FAIL;
   if (bytes < 0) return E_INVALIDARG;
   if (bytes > 0 && !data) return E_POINTER;
   size_t chars = static_cast<size_t>(bytes) / sizeof(wchar_t);
@@ -338,21 +128,6 @@ HRESULT CXMLStream::GetPosition(unsigned long* position) {
   return S_OK;
 }
 
-void CXMLStream::AppendEscaped(const wchar_t* text, size_t length) {
-  for (size_t i = 0; i < length; ++i) {
-    const wchar_t c = text[i];
-    switch (c) {
-      case L'&': m_Text += L"&amp;"; break;
-      case L'<': m_Text += L"&lt;"; break;
-      case L'>': m_Text += L"&gt;"; break;
-      case L'"': m_Text += L"&quot;"; break;
-      case L'\'': m_Text += L"&apos;"; break;
-      case L'\r': m_Text += L"&#13;"; break;  // a parser would turn a bare CR into LF
-      default: m_Text.push_back(XmlChar(static_cast<uint32_t>(c)) ? c : L'\xFFFD');
-    }
-  }
-}
-
 HRESULT CXMLStream::Write(const void* text, int bytes, int) {
   if (bytes < 0) return E_INVALIDARG;
   const size_t chars = static_cast<size_t>(bytes) / sizeof(wchar_t);
@@ -364,7 +139,7 @@ HRESULT CXMLStream::Write(const void* text, int bytes, int) {
     if (m_OpenNames.empty())
       m_Text.append(p, chars);  // markup outside the elements: the prologue
     else
-      AppendEscaped(p, chars);
+      XMLAppendEscaped(p, chars, &m_Text);
   } catch (...) {
     return E_FAIL;
   }
@@ -429,7 +204,7 @@ HRESULT CXMLStream::WriteValue(IString* name, int, IString* value, int) {
     m_Text += L'<';
     m_Text += valid;
     m_Text += L'>';
-    AppendEscaped(text.data(), text.size());
+    XMLAppendEscaped(text.data(), text.size(), &m_Text);
     m_Text += L"</";
     m_Text += valid;
     m_Text += L'>';
@@ -463,20 +238,20 @@ CXMLStream::ItemKind CXMLStream::NextItem(size_t from, Element* element, size_t*
   while (true) {
     const size_t r = m_Text.find(L'<', p);
     if (r == std::wstring::npos) return ITEM_END;
-    if (StartsWith(m_Text, r, L"<?")) {
+    if (m_Text.compare(r, 2, L"<?") == 0) {
       const size_t close = m_Text.find(L"?>", r + 2);
       if (close == std::wstring::npos) return ITEM_ERROR;
       element->start = r;
       *instructionEnd = close + 2;
       return ITEM_INSTRUCTION;
     }
-    const size_t past = SkipSpecial(m_Text, r);
+    const size_t past = XMLSkipSpecial(m_Text, r);
     if (past == std::wstring::npos) return ITEM_ERROR;
     if (past != r) {
       p = past;
       continue;
     }
-    if (StartsWith(m_Text, r, L"</")) return ITEM_END;  // the enclosing element closes
+    if (m_Text.compare(r, 2, L"</") == 0) return ITEM_END;  // the enclosing element closes
     return XMLScanElement(m_Text, r, element) ? ITEM_ELEMENT : ITEM_ERROR;
   }
 }
@@ -486,7 +261,7 @@ HRESULT CXMLStream::NextTag(tagREFString* name) {
   name->m_Length = 0;
   name->m_Text = nullptr;
   m_HasPending = false;
-  if (m_TextOnly) return E_FAIL;
+  if (m_TextOnly || m_Refused) return E_FAIL;
   if (m_HasInstruction && m_Position == m_InstructionStart) m_Position = m_InstructionEnd;
   m_HasInstruction = false;
   Element e;
@@ -525,7 +300,7 @@ HRESULT CXMLStream::FindElement(int length, const wchar_t* tag, Element* element
       return S_OK;
     }
   }
-  if (m_TextOnly) return E_FAIL;
+  if (m_TextOnly || m_Refused) return E_FAIL;
   size_t p = m_Position;
   if (m_HasInstruction && p == m_InstructionStart) p = m_InstructionEnd;
   while (true) {

@@ -1,34 +1,37 @@
 // "XMLStream" and "XMLStreamEx": one class that writes and reads XML text held as wide
-// characters (4 bytes each; byte counts at the interface are characters times 4).
+// characters (4 bytes each; byte counts at the interface are characters times 4). The
+// text work itself (checking, scanning, escaping) is in host/streams/XMLText.h.
 //
 // Writing: Attach(null, 0, 0) starts an empty text. OpenTag, BeginObject (element named
 // after the object's IObjectInfo name) and WriteValue open elements, CloseTag closes the
 // last one. Child elements go on their own line, indented two blanks a level; element
-// text is never padded. Text is escaped (& < > " ' and carriage return as references),
-// characters that XML 1.0 cannot carry become U+FFFD, and element names are made valid
-// (other characters become '_'). Write appends raw markup outside any element (the
-// prologue) and escaped text inside one.
+// text is never padded. Text is escaped (XMLAppendEscaped) and element names are made
+// valid (XMLElementName). Write appends raw markup outside any element (the prologue) and
+// escaped text inside one.
 //
-// Reading: Attach(text, bytes, 0) copies the text. NextTag finds the next element at
-// this level, reports its name as a view into the stream's text and steps over it; a
-// processing instruction ("<?...?>") is reported as its text from the '?' to the closing
-// '>' and is not stepped over: the caller seeks over it, or the next NextTag does.
-// ReadElement returns the element last reported by NextTag when its tag matches (any
-// case), else it searches forward at this level. The content comes back as a new stream:
-// XML when the element has child elements, otherwise its text with references decoded
-// (such a text stream reports no elements). Views stay valid until the stream's text
-// changes. Malformed text gives E_FAIL; nesting is bounded by kMaxDepth.
+// Reading: Attach(text, bytes, 0) copies the text and checks that it is one well-formed
+// document (XMLCheckDocument), after joining surrogate pairs and dropping terminators
+// counted in at its end. A byte count that is not whole characters, a lone surrogate or a
+// document that is not well formed is refused with E_FAIL, and every read of the stream
+// then fails until the next Attach: no object receives part of a damaged file.
+// NextTag finds the next element at this level, reports its name as a view into the
+// stream's text and steps over it; a processing instruction ("<?...?>") is reported as its
+// text from the '?' to the closing '>' and is not stepped over: the caller seeks over it,
+// or the next NextTag does. ReadElement returns the element last reported by NextTag when
+// its tag matches (any case), else it searches forward at this level. The content comes
+// back as a new stream: XML when the element has child elements, otherwise its text with
+// references decoded (such a text stream reports no elements). Views stay valid until the
+// stream's text changes.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "frame/Object.h"
+#include "host/streams/XMLText.h"
 
 class CXMLStream : public CObject<CXMLStream>, public IXMLStreamEx, public IString, public IObjectInfo {
  public:
-  static constexpr size_t kMaxDepth = 256;
-
   explicit CXMLStream(bool extended = true) : m_Extended(extended) {}
 
   ZELTRIM_OBJECT_REFCOUNT
@@ -67,12 +70,7 @@ class CXMLStream : public CObject<CXMLStream>, public IXMLStreamEx, public IStri
 
   int Options() const { return m_Options; }
 
-  // Where one element lies in the text (offsets in characters).
-  struct Element {
-    size_t start = 0, nameStart = 0, nameLength = 0;
-    size_t contentStart = 0, contentEnd = 0, end = 0;
-    bool hasChildren = false;
-  };
+  using Element = XMLElementSpan;
 
  private:
   enum ItemKind { ITEM_ELEMENT, ITEM_INSTRUCTION, ITEM_END, ITEM_ERROR };
@@ -82,13 +80,13 @@ class CXMLStream : public CObject<CXMLStream>, public IXMLStreamEx, public IStri
   HRESULT CreateAndLoad(const Element& element, IUnknown** object);
   void OpenElement(const std::wstring& name);
   void StartChild();
-  void AppendEscaped(const wchar_t* text, size_t length);
   void ResetReading();
 
   std::wstring m_Text;
   size_t m_Position = 0;  // read position, characters
   bool m_Extended;
   bool m_TextOnly = false;  // content of an element without children: no elements
+  bool m_Refused = false;   // the attached text was refused: reads fail
   int m_Options = 0;
   std::vector<std::wstring> m_OpenNames;
   std::vector<bool> m_HadChild;
@@ -100,10 +98,3 @@ class CXMLStream : public CObject<CXMLStream>, public IXMLStreamEx, public IStri
 
 HRESULT CreateXMLStreamObject(void* outer, IID* iid, void** object);
 HRESULT CreateXMLStreamExObject(void* outer, IID* iid, void** object);
-
-// Scans the element whose '<' is at `start`; false when it is not well formed.
-bool XMLScanElement(const std::wstring& text, size_t start, CXMLStream::Element* element);
-// The text of element content: references decoded, CDATA unwrapped, comments dropped.
-std::wstring XMLUnescape(const wchar_t* text, size_t length);
-// A valid XML element name made from any text.
-std::wstring XMLElementName(const std::wstring& name);

@@ -76,9 +76,29 @@ check fit-length-mismatch 2 "differ in length: 5 and 1" -- "$zeltrim" fit src.tx
 check fit-missing-file 2 "cannot read" -- "$zeltrim" fit nowhere.txt dst.txt
 check fit-one-file 2 "needs a SOURCE and a TARGET" -- "$zeltrim" fit src.txt
 check fit-bad-method 2 "--method needs a whole number" -- "$zeltrim" fit src.txt dst.txt --method x
+check fit-method-5 2 "--method must be 0 to 4" -- "$zeltrim" fit src.txt dst.txt --method 5
+check fit-max-iterations-0 2 "--max-iterations must be 1 or more" -- "$zeltrim" fit src.txt dst.txt --filter --max-iterations 0
+check fit-min-points-negative 2 "--min-points must be 2 or more" -- "$zeltrim" fit src.txt dst.txt --filter --min-points -5
+check fit-folder 2 "is a folder, not a point file" -- "$zeltrim" fit . dst.txt
+check fit-device 2 "/dev/null is a device, not a point file" -- "$zeltrim" fit src.txt /dev/null
+: >empty.txt
+check fit-empty-file 2 "holds no points" -- "$zeltrim" fit empty.txt dst.txt
+# A long line without a line end is quoted in part, not echoed whole.
+head -c 2000000 /dev/zero | tr '\0' '7' >long.txt
+printf 'x' >>long.txt
+out=$("$zeltrim" fit long.txt dst.txt 2>&1)
+if [ $? -eq 2 ] && [ ${#out} -lt 300 ] && grep -qF "(cut; 2000001 characters)" <<<"$out"; then echo "ok   fit-long-line-quoted"; passed=$((passed + 1));
+else echo "FAIL fit-long-line-quoted: ${#out} characters"; failed=$((failed + 1)); fi
+# Two pairs: the module computes no errors for them, and says so.
+printf '0 0\n10 0\n' >two-src.txt
+printf '0 0\n0 29\n' >two-dst.txt
+check fit-two-pairs-note 0 "note: a fit of two pairs computes no errors" -- "$zeltrim" fit two-src.txt two-dst.txt
 # Every source point the same: no transform can be determined.
 printf '1 1\n1 1\n1 1\n1 1\n1 1\n' >same.txt
 check fit-degenerate 1 "degenerate" -- "$zeltrim" fit same.txt src.txt
+out=$("$zeltrim" fit same.txt src.txt 2>&1)
+if ! grep -qiE "nan|inf|matrix" <<<"$out"; then echo "ok   fit-degenerate-prints-no-numbers"; passed=$((passed + 1));
+else echo "FAIL fit-degenerate-prints-no-numbers: $out"; failed=$((failed + 1)); fi
 
 # A hand-set calibration saved in each form, shown, and used again from its file.
 check linear-save-xml 0 "saved" -- "$zeltrim" linear --scale 2,2,1 --origin 10,0,0 --roll 90 --name Bench --save lin.xml
@@ -94,11 +114,49 @@ check show-folder-units 0 "units: 3 (metre)" -- "$zeltrim" show lin.tLin
 check show-fit 0 "forward matrix" -- "$zeltrim" show out.tCAL
 check show-fit-time 0 "time: 20" -- "$zeltrim" show out.tCAL
 check show-missing 2 "cannot read" -- "$zeltrim" show nowhere.xml
-check show-csv 2 "only" -- "$zeltrim" show out.csv
+check show-csv 2 "names no form the module loads" -- "$zeltrim" show out.csv
 head -c 100 /dev/urandom >junk.tCAL
-check show-junk-folder 2 "holds no object" -- "$zeltrim" show junk.tCAL
+check show-junk-folder 2 "not a folder stream" -- "$zeltrim" show junk.tCAL
 printf 'no xml here' >junk.xml
-check show-junk-xml 2 "holds no object" -- "$zeltrim" show junk.xml
+check show-junk-xml 2 "not well-formed XML at line 1" -- "$zeltrim" show junk.xml
+
+# Damaged or wrong files are refused with one line before the module reads them.
+printf 'x' >one.xml
+check load-one-byte 2 "too short to hold a document" -- "$zeltrim" linear --load one.xml 1,0
+printf 'garbage' >garbage.xml
+check load-garbage 2 "not well-formed XML at line 1: text before the root element" -- "$zeltrim" linear --load garbage.xml 1,0
+check load-best-fit-as-linear 2 "holds a CalibrationBestFit, not a CameraLinearCalibration" -- "$zeltrim" linear --load out.xml 1,0
+check load-best-fit-folder-as-linear 2 "holds a CalibrationBestFit, not a CameraLinearCalibration" -- "$zeltrim" linear --load out.tCAL 1,0
+head -c 400 out.xml >cut.xml
+check show-cut-xml 2 "not well-formed XML at line" -- "$zeltrim" show cut.xml
+head -c 401 out.xml >odd.xml
+check show-odd-xml 2 "truncated 16-bit text" -- "$zeltrim" show odd.xml
+size=$(stat -c %s out.tCAL)
+head -c 400 out.tCAL >cut.tCAL
+check show-cut-folder 2 "truncated folder stream (400 of $size bytes)" -- "$zeltrim" show cut.tCAL
+cp out.tCAL flipped.tCAL
+byte=$(od -An -tu1 -j 100 -N 1 out.tCAL | tr -d ' ')
+printf "\\x$(printf %02x $((255 - byte)))" | dd of=flipped.tCAL bs=1 seek=100 conv=notrunc 2>/dev/null
+check show-checksum 2 "checksum mismatch" -- "$zeltrim" show flipped.tCAL
+
+# A save that cannot work says so before any work, and leaves no file and no "saved".
+check save-missing-folder 2 "the folder /nonexistent/dir does not exist" -- "$zeltrim" fit src.txt dst.txt --save /nonexistent/dir/f.tCAL
+check linear-save-missing-folder 2 "does not exist" -- "$zeltrim" linear --scale 2,2,1 --save /nonexistent/dir/f.xml
+# The module opens paths of at most 254 bytes: 254 is saved whole, 255 refused, nothing cut.
+deep=$(printf 'd%.0s' $(seq 1 120))
+mkdir -p "$deep"
+fill=$((254 - ${#work} - 1 - ${#deep} - 1 - 4))
+name254="$deep/$(printf 'f%.0s' $(seq 1 "$fill")).xml"
+name255="$deep/$(printf 'f%.0s' $(seq 1 $((fill + 1)))).xml"
+check save-path-254 0 "saved" -- "$zeltrim" fit src.txt dst.txt --save "$name254"
+check save-path-255 2 "the path is 255 bytes long" -- "$zeltrim" fit src.txt dst.txt --save "$name255"
+if [ "$(find "$deep" -type f | wc -l)" -eq 1 ] && [ -f "$name254" ]; then echo "ok   save-path-nothing-cut"; passed=$((passed + 1));
+else echo "FAIL save-path-nothing-cut"; find "$deep" -type f; failed=$((failed + 1)); fi
+# A failed save over an existing file leaves that file as it was.
+printf 'old' >keep.dat
+check save-fails-over-file 1 "cannot save" -- "$zeltrim" fit src.txt dst.txt --save keep.dat
+if [ "$(cat keep.dat)" = old ]; then echo "ok   save-fails-keeps-old"; passed=$((passed + 1));
+else echo "FAIL save-fails-keeps-old"; failed=$((failed + 1)); fi
 
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.

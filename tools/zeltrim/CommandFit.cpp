@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -13,16 +15,23 @@ const char* const kFitHelp =
     "pairs with line i of the other) and prints the forward matrix, the fit errors, and the\n"
     "translation, scale and Euler angles read out of the matrix.\n"
     "Options:\n"
-    "  --method N          fit method: 0 affine, or plane homography for a flat source\n"
-    "                      (default); 1 rigid; 2 rigid with scale; 3, 4 the eigenvector forms\n"
+    "  --method N          fit method, 0 to 4: 0 affine, or plane homography for a flat\n"
+    "                      source (default); 1 rigid; 2 rigid with scale; 3, 4 the\n"
+    "                      eigenvector forms\n"
     "  --filter            drop outlying pairs by fit and filter, and list them\n"
     "  --allowable E       mean error that ends the filter (default 5)\n"
-    "  --max-iterations N  fit rounds of the filter at most (default 10)\n"
-    "  --min-points N      the filter keeps at least this many pairs (default 4)\n"
+    "  --max-iterations N  fit rounds of the filter at most, 1 or more (default 10)\n"
+    "  --min-points N      the filter keeps at least this many pairs, 2 or more (default 4)\n"
     "  --save FILE         save the calibration; the extension picks the form:\n"
     "                      .csv text matrices, .xml XML, .t... (e.g. .tCAL) folder stream\n";
 
 namespace {
+
+// The fit reads the low four bits of the method; 5 to 15 fit as 0 does, so only the
+// named methods are offered.
+constexpr int kLastMethod = 4;
+// A fit and filter round needs a fit, and a fit needs two pairs.
+constexpr int kFewestPoints = 2;
 
 struct FitSettings {
   std::string source, target, save;
@@ -67,17 +76,30 @@ bool ParseSettings(const CommandContext& context, FitSettings* s, std::string* e
       files.push_back(AbsolutePath(a, context.startDir));
     }
   }
+  if (s->method < 0 || s->method > kLastMethod)
+    return *error = "--method must be 0 to 4 (5 to 15 would fit as method 0 does)", false;
+  if (s->maxIterations < 1) return *error = "--max-iterations must be 1 or more (0 would fit nothing)", false;
+  if (s->minPoints < kFewestPoints) return *error = "--min-points must be 2 or more (a fit needs two pairs)", false;
   if (files.size() != 2) return *error = "fit needs a SOURCE and a TARGET point file", false;
   s->source = files[0];
   s->target = files[1];
   return true;
 }
 
+// Reads a point file; folders and devices are named as what they are, and a file without
+// points is refused here rather than compared by length with the other.
 bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::string* error) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0) {
+    if (S_ISDIR(info.st_mode)) return *error = path + " is a folder, not a point file", false;
+    if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) return *error = path + " is a device, not a point file", false;
+  }
   std::ifstream in(path);
   if (!in) return *error = "cannot read " + path, false;
   std::string why;
   if (!ReadPoints(in, points, &why)) return *error = path + ", " + why, false;
+  if (in.bad()) return *error = "cannot read " + path, false;
+  if (points->empty()) return *error = path + " holds no points", false;
   return true;
 }
 
@@ -127,6 +149,7 @@ int RunFit(CommandContext& context) {
   FitSettings s;
   std::string error;
   if (!ParseSettings(context, &s, &error)) return Fail(error);
+  if (const int status = CheckSavePath(s.save)) return status;
   std::vector<Point3> source, target;
   if (!ReadPointFile(s.source, &source, &error) || !ReadPointFile(s.target, &target, &error)) return Fail(error);
   if (source.size() != target.size())
@@ -141,6 +164,7 @@ int RunFit(CommandContext& context) {
   if (!a || !b) return Fail("the host cannot make point collections", 1);
 
   std::printf("CalibrationBestFit: %zu point pairs, method %d\n", source.size(), s.method);
+  size_t fittedPairs = source.size();  // pairs of the last fit; 0 when the filter does not say
   if (s.filter) {
     SmartPtr<ICalibrationFitAndFilter> filter = host.Create<ICalibrationFitAndFilter>(L"CalibrationFitAndFilter");
     if (!filter) return Fail("CalibrationFitAndFilter: " + host.Error(), 1);
@@ -153,6 +177,7 @@ int RunFit(CommandContext& context) {
     if (keptA) {
       int kept = 0;
       keptA->get_Count(&kept);
+      fittedPairs = static_cast<size_t>(kept);
       std::printf("kept %d of %zu pairs; dropped:", kept, source.size());
       int next = 0, dropped = 0;
       for (int i = 0; i < static_cast<int>(source.size()); ++i) {
@@ -165,6 +190,7 @@ int RunFit(CommandContext& context) {
       }
       std::printf("%s\n", dropped ? "  (line numbers among the points)" : " none");
     } else {
+      fittedPairs = 0;
       std::printf("the filter would go below --min-points; the calibration holds its last fit\n");
     }
   } else {
@@ -176,16 +202,22 @@ int RunFit(CommandContext& context) {
   SmartPtr<IHomogeneousTransform> matrix = QueryAs<IHomogeneousTransform>(forward);
   double* m = nullptr;
   if (!matrix || matrix->GetMatrix(&m, nullptr, nullptr) < 0 || !m) return Fail("the fit gave no matrix", 1);
-  // A singular or non-finite matrix means the points did not determine the transform.
-  const double det = Determinant4(m);
-  const bool degenerate = !std::isfinite(det) || std::fabs(det) < 1e-300;
-  std::printf("forward matrix (a point is the row [x y z 1] times the matrix):\n");
-  for (int r = 0; r < 4; ++r)
-    std::printf("  %14.8g %14.8g %14.8g %14.8g\n", m[4 * r], m[4 * r + 1], m[4 * r + 2], m[4 * r + 3]);
   double mean = 0, largest = 0, sd = 0;
   if (SmartPtr<ITransformFitErrors> errors = QueryAs<ITransformFitErrors>(calibration))
     errors->GetFitErrors(&mean, &largest, &sd);
+  // A singular or non-finite matrix means the points did not determine the transform;
+  // nothing of it is printed.
+  const double det = Determinant4(m);
+  if (!std::isfinite(det) || std::fabs(det) < 1e-300 || !std::isfinite(mean + largest + sd))
+    return Fail("the fit is degenerate (the points do not determine the transform)", 1);
+
+  std::printf("forward matrix (a point is the row [x y z 1] times the matrix):\n");
+  for (int r = 0; r < 4; ++r)
+    std::printf("  %14.8g %14.8g %14.8g %14.8g\n", m[4 * r], m[4 * r + 1], m[4 * r + 2], m[4 * r + 3]);
   std::printf("errors (target units): mean %.6g  largest %.6g  standard deviation %.6g\n", mean, largest, sd);
+  if (fittedPairs == 2)
+    std::printf("note: a fit of two pairs computes no errors (these 0s are not measured) and maps the second "
+                "pair exactly only with --method 2 or 4\n");
 
   if (SmartPtr<ITransformInterrogate> ask = host.Create<ITransformInterrogate>(L"TransformInterrogate")) {
     double x = 0, y = 0, z = 0;
@@ -197,20 +229,8 @@ int RunFit(CommandContext& context) {
     const double degrees = 180.0 / 3.14159265358979323846;
     std::printf("euler angles (degrees): %.6g %.6g %.6g\n", x * degrees, y * degrees, z * degrees);
   }
-  if (degenerate) return Fail("the fit is degenerate (the points do not determine the transform)", 1);
-
   if (!s.save.empty()) {
-    SmartPtr<IFileArchive> archive = QueryAs<IFileArchive>(calibration);
-    SmartPtr<ICreatableString> name;
-    void* p = nullptr;
-    const IID& iid = IID_ICreatableString;
-    if (host.Components()->CreateComponent(15, L"CreatableString", &iid, &p) >= 0 && p)
-      name.Attach(static_cast<ICreatableString*>(p));
-    if (!archive || !name) return Fail("the calibration cannot be saved here", 1);
-    std::wstring wide(s.save.begin(), s.save.end());
-    name->SetString(static_cast<int>(wide.size()), wide.c_str());
-    archive->put_Filename(name);
-    if (archive->Save() < 0) return Fail("cannot save " + s.save + " (the extension picks the form: .csv, .xml, .t...)", 1);
+    if (host.Archive(calibration, s.save, true) < 0) return Fail("cannot save " + s.save + ": " + host.Error(), 1);
     std::printf("saved %s\n", s.save.c_str());
   }
   return 0;

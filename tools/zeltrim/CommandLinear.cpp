@@ -105,6 +105,7 @@ int RunLinear(CommandContext& context) {
   LinearSettings s;
   std::string error;
   if (!ParseSettings(context, &s, &error)) return Fail(error);
+  if (const int status = CheckSavePath(s.save)) return status;
 
   std::vector<Point3> points;
   for (const std::string& text : s.points) {
@@ -119,12 +120,11 @@ int RunLinear(CommandContext& context) {
       context.host->Create<ICameraLinearCalibration>(L"CameraLinearCalibration");
   if (!calibration) return Fail("CameraLinearCalibration: " + context.host->Error(), 1);
   if (!s.load.empty() && context.host->Archive(calibration, s.load, false) < 0)
-    return Fail("cannot load " + s.load + " as a linear calibration");
-  // A file that loads but holds no linear calibration leaves the defaults; say so.
+    return Fail("cannot load " + s.load + ": " + context.host->Error());
   Apply(s, calibration, *context.host);
   if (!s.save.empty()) {
     if (context.host->Archive(calibration, s.save, true) < 0)
-      return Fail("cannot save " + s.save + " (the extension picks the form: .xml, .t...)", 1);
+      return Fail("cannot save " + s.save + ": " + context.host->Error(), 1);
     std::fprintf(stderr, "saved %s\n", s.save.c_str());
   }
 

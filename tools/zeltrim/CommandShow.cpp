@@ -1,7 +1,6 @@
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 
+#include "host/client/CalibrationFile.h"
 #include "tools/zeltrim/Commands.h"
 
 const char* const kShowHelp =
@@ -23,45 +22,6 @@ std::wstring Text(IString* s) {
   int n = 0;
   if (!s || s->GetString(&p, &n) < 0 || !p || n <= 0) return std::wstring();
   return std::wstring(p, static_cast<size_t>(n));
-}
-
-// The name of the first element after the prologue lines of an XML file (16-bit with a
-// mark, or 8-bit text).
-std::wstring XmlRootName(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::wstring text;
-  if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF && static_cast<unsigned char>(bytes[1]) == 0xFE) {
-    for (size_t i = 2; i + 1 < bytes.size(); i += 2)
-      text += static_cast<wchar_t>(static_cast<unsigned char>(bytes[i]) | (static_cast<unsigned char>(bytes[i + 1]) << 8));
-  } else {
-    text.assign(bytes.begin(), bytes.end());
-  }
-  size_t at = 0;
-  while ((at = text.find(L'<', at)) != std::wstring::npos) {
-    ++at;
-    if (at < text.size() && (text[at] == L'?' || text[at] == L'!')) continue;
-    size_t end = at;
-    while (end < text.size() && (iswalnum(text[end]) || text[end] == L'_' || text[end] == L'.')) ++end;
-    return text.substr(at, end - at);
-  }
-  return std::wstring();
-}
-
-// The object entry of a folder stream file: the first entry that is not "Info".
-std::wstring FolderObjectName(ModuleHost& host, const std::string& path) {
-  SmartPtr<IFolderStream> folder = host.CreateHost<IFolderStream>(L"FolderStream");
-  if (!folder || host.Archive(folder, path, false) < 0) return std::wstring();
-  SmartPtr<INamedCollection> entries = QueryAs<INamedCollection>(folder);
-  int count = 0;
-  if (!entries || entries->get_Count(&count) < 0) return std::wstring();
-  for (int i = 0; i < count; ++i) {
-    SmartPtr<IString> name;
-    entries->get_ItemName(i, name.Out());
-    const std::wstring text = Text(name);
-    if (!text.empty() && text != L"Info") return text;
-  }
-  return std::wstring();
 }
 
 const char* UnitName(int code) {
@@ -126,25 +86,16 @@ void ShowMatrix(const char* title, ITransform* transform) {
 int RunShow(CommandContext& context) {
   if (context.args.size() != 1) return Fail("show needs one FILE");
   const std::string path = AbsolutePath(context.args[0], context.startDir);
-  if (!std::ifstream(path)) return Fail("cannot read " + path);
   ModuleHost& host = *context.host;
 
-  const size_t dot = path.rfind('.');
-  const wchar_t form = dot == std::string::npos ? L'\0' : static_cast<wchar_t>(std::towlower(path[dot + 1]));
-  std::wstring object;
-  if (form == L'x')
-    object = XmlRootName(path);
-  else if (form == L't')
-    object = FolderObjectName(host, path);
-  else
-    return Fail("show reads .xml and folder stream (.t...) files only");
-  if (object.empty()) return Fail(path + " holds no object the module knows");
-
+  const client::FileReport found = client::CheckFile(path, std::wstring());
+  if (!found.ok) return Fail("cannot show " + path + ": " + found.problem);
+  const std::wstring& object = found.objectName;
   void* p = nullptr;
   if (!host.CreateRaw(object.c_str(), IID_IUnknown, &p)) return Fail(Narrow(object) + ": " + host.Error(), 1);
   SmartPtr<IUnknown> instance;
   instance.Attach(static_cast<IUnknown*>(p));
-  if (host.Archive(instance, path, false) < 0) return Fail("cannot load " + path, 1);
+  if (host.Archive(instance, path, false) < 0) return Fail("cannot load " + path + ": " + host.Error(), 1);
 
   std::printf("file: %s\nobject: %s\n", path.c_str(), Narrow(object).c_str());
   if (SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(instance)) ShowInfo(info);

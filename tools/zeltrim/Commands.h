@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/zeltrim/ModuleHost.h"
+#include "host/client/ModuleHost.h"
 
 struct CommandContext {
   ModuleHost* host;
@@ -25,3 +25,6 @@ extern const char* const kShowHelp;
 
 // Prints "zeltrim: <message>" on standard error and returns `status`.
 int Fail(const std::string& message, int status = 2);
+// Before any work: a --save path that cannot be written fails with status 2 (the message
+// printed); 0 when it can, or when `path` is empty.
+int CheckSavePath(const std::string& path);

@@ -27,16 +27,30 @@ bool Numbers(const std::string& text, std::vector<double>* values) {
   return true;
 }
 
+// Text quoted in a message: at most kMaxQuoted characters, anything unprintable as '?'.
+constexpr size_t kMaxQuoted = 40;
+
+std::string Quoted(const std::string& text) {
+  std::string out = "'";
+  for (size_t i = 0; i < text.size() && i < kMaxQuoted; ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    out += c >= 32 && c < 127 ? static_cast<char>(c) : '?';
+  }
+  out += "'";
+  if (text.size() > kMaxQuoted) out += " (cut; " + std::to_string(text.size()) + " characters)";
+  return out;
+}
+
 }  // namespace
 
 bool ParsePoint(const std::string& text, Point3* point, std::string* error) {
   std::vector<double> v;
   if (!Numbers(text, &v)) {
-    *error = "not a number in '" + text + "'";
+    *error = "not a number in " + Quoted(text);
     return false;
   }
   if (v.size() < 2 || v.size() > 3) {
-    *error = "expected x y or x y z, got '" + text + "'";
+    *error = "expected x y or x y z, got " + Quoted(text);
     return false;
   }
   point->x = v[0];

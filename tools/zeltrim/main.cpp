@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "host/client/CalibrationFile.h"
 #include "tools/zeltrim/Commands.h"
 
 namespace {
@@ -38,6 +39,11 @@ const Command kCommands[] = {
 int Fail(const std::string& message, int status) {
   std::fprintf(stderr, "zeltrim: %s\n", message.c_str());
   return status;
+}
+
+int CheckSavePath(const std::string& path) {
+  const std::string problem = path.empty() ? std::string() : client::SavePathProblem(path);
+  return problem.empty() ? 0 : Fail("cannot save " + path + ": " + problem);
 }
 
 int main(int argc, char** argv) {

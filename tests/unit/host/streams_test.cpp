@@ -450,11 +450,11 @@ TEST_F(StreamsTest, XMLJunkEndsInFailureCodes) {
     in->Attach(text.empty() ? nullptr : &text[0], static_cast<unsigned long>(text.size() * 4), 0);
     EXPECT_GE(Walk(in.get(), 0), 0);
   }
-  // Junk that happens to hold one good element still yields it.
+  // Junk around a good element is no document: it is refused whole, good element too.
   std::wstring mixed = L"\x01\x02junk<Good>yes</Good>";
   SmartPtr<IXMLStream> in = Create<IXMLStream>(L"XMLStream");
-  in->Attach(&mixed[0], static_cast<unsigned long>(mixed.size() * 4), 0);
-  EXPECT_EQ(Walk(in.get(), 0), 1);
+  EXPECT_EQ(in->Attach(&mixed[0], static_cast<unsigned long>(mixed.size() * 4), 0), E_FAIL);
+  EXPECT_EQ(Walk(in.get(), 0), 0);
 }
 
 // ------------------------------------------------------------------ folder streams

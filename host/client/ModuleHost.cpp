@@ -1,4 +1,6 @@
-#include "tools/zeltrim/ModuleHost.h"
+#include "host/client/ModuleHost.h"
+
+#include "host/client/CalibrationFile.h"
 
 #include <dlfcn.h>
 #include <limits.h>
@@ -104,9 +106,9 @@ SmartPtr<IString> ModuleHost::NewString(const std::string& text) {
 }
 
 HRESULT ModuleHost::Archive(IUnknown* object, const std::string& path, bool save) {
-  SmartPtr<IFileArchive> archive = QueryAs<IFileArchive>(object);
-  SmartPtr<IString> name = NewString(path);
-  if (!archive || !name) return E_FAIL;
-  archive->put_Filename(name);
-  return save ? archive->Save() : archive->Load();
+  const client::FileReport report = save ? client::SaveFile(m_Components.get(), object, path)
+                                         : client::LoadFile(m_Components.get(), object, path);
+  if (report.ok) return S_OK;
+  m_Error = report.problem;
+  return E_FAIL;
 }

@@ -1,11 +1,23 @@
 // Loads Zeltrim.so the way a framework host does: the global component collection from
-// the "CollectionsEx" peer, then the module's InitializeModule and CreateFunction.
+// the "CollectionsEx" peer, then the module's InitializeModule and CreateFunction. Part of
+// the host library (zeltrim_client) that any host program links.
 #pragma once
 
 #include <cwchar>
 #include <string>
 
 #include "frame/Object.h"
+
+// A host object through a global component collection; null when the host lacks it.
+template <class I>
+SmartPtr<I> HostObject(IComponentCollection* components, const wchar_t* name) {
+  SmartPtr<I> result;
+  void* p = nullptr;
+  const IID& iid = I::Iid();
+  if (components && components->CreateComponent(static_cast<int>(std::wcslen(name)), name, &iid, &p) >= 0 && p)
+    result.Attach(static_cast<I*>(p));
+  return result;
+}
 
 class ModuleHost {
  public:
@@ -31,16 +43,12 @@ class ModuleHost {
   // A host object through the global collection; null when the host lacks it.
   template <class I>
   SmartPtr<I> CreateHost(const wchar_t* name) {
-    SmartPtr<I> result;
-    void* p = nullptr;
-    const IID& iid = I::Iid();
-    if (m_Components && m_Components->CreateComponent(static_cast<int>(std::wcslen(name)), name, &iid, &p) >= 0 && p)
-      result.Attach(static_cast<I*>(p));
-    return result;
+    return HostObject<I>(m_Components.get(), name);
   }
   // A host string holding `text` (null when the host has no strings).
   SmartPtr<IString> NewString(const std::string& text);
-  // Saves or loads an object through its IFileArchive under `path`.
+  // Saves or loads an object through its IFileArchive under `path`, with the checks of
+  // host/client/CalibrationFile.h; E_FAIL and Error() saying what is wrong when they fail.
   HRESULT Archive(IUnknown* object, const std::string& path, bool save);
 
  private:
