@@ -1,8 +1,8 @@
 #include "host/client/ModuleHost.h"
 
 #include "host/client/CalibrationFile.h"
+#include "frame/ModuleLoader.h"
 
-#include <dlfcn.h>
 #include <limits.h>
 #include <unistd.h>
 
@@ -13,15 +13,6 @@ namespace {
 
 tagREFString Ref(const wchar_t* text) { return tagREFString{static_cast<int32_t>(std::wcslen(text)), text}; }
 
-void* OpenPeer(const char* path, std::string* error) {
-  void* handle = dlopen(path, RTLD_NOW);
-  if (!handle) {
-    const char* why = dlerror();
-    *error = std::string("cannot load ") + path + ": " + (why ? why : "unknown error");
-  }
-  return handle;
-}
-
 }  // namespace
 
 bool ModuleHost::Load(const std::string& installDir) {
@@ -29,11 +20,13 @@ bool ModuleHost::Load(const std::string& installDir) {
     m_Error = "cannot enter the installation folder " + installDir;
     return false;
   }
-  void* collections = OpenPeer("./_binlinux/CollectionsEx.so", &m_Error);
-  if (!collections) return false;
-  auto peerCreate = reinterpret_cast<CreateFn>(dlsym(collections, "CreateFunction"));
+  ModuleEntryPoints collections;
+  if (!ModuleOpen("./_binlinux/CollectionsEx.so", &collections, &m_Error)) {
+    m_Error = "cannot load ./_binlinux/CollectionsEx.so: " + m_Error;
+    return false;
+  }
   void* creator = nullptr;
-  if (!peerCreate || peerCreate(Ref(L"GlobalComponentCollection"), &creator) < 0 || !creator) {
+  if (!collections.create || collections.create(Ref(L"GlobalComponentCollection"), &creator) < 0 || !creator) {
     m_Error = "CollectionsEx.so has no GlobalComponentCollection";
     return false;
   }
@@ -45,15 +38,17 @@ bool ModuleHost::Load(const std::string& installDir) {
   }
   m_Components.Attach(static_cast<IComponentCollection*>(components));
 
-  void* module = OpenPeer("./_binlinux/Zeltrim.so", &m_Error);
-  if (!module) return false;
-  auto initialize = reinterpret_cast<InitFn>(dlsym(module, "InitializeModule"));
-  m_CreateFunction = reinterpret_cast<CreateFn>(dlsym(module, "CreateFunction"));
-  if (!initialize || !m_CreateFunction) {
+  ModuleEntryPoints module;
+  if (!ModuleOpen("./_binlinux/Zeltrim.so", &module, &m_Error)) {
+    m_Error = "cannot load ./_binlinux/Zeltrim.so: " + m_Error;
+    return false;
+  }
+  m_CreateFunction = module.create;
+  if (!module.initialize || !m_CreateFunction) {
     m_Error = "Zeltrim.so lacks its entry points";
     return false;
   }
-  initialize(nullptr, m_Components.get());
+  module.initialize(nullptr, m_Components.get());
   return true;
 }
 
