@@ -2,6 +2,7 @@
 #include "calibration/CalibrationBestFit.h"
 #include "calibration/CalibrationFitAndFilter.h"
 #include "calibration/CameraLinearCalibration.h"
+#include "camera/Camera3DTrinsic.h"
 #include "frame/Components.h"
 #include "geometry/TransformBestFit.h"
 #include "geometry/TransformInterrogate.h"
@@ -30,7 +31,7 @@ const CreatableObject kCreatableObjects[] = {
     {L"Camera3DCalibration", 19, nullptr},
     {L"Camera3DCalibrationPlane", 24, nullptr},
     {L"Camera3DTransform", 17, nullptr},
-    {L"Camera3DTrinsic", 15, nullptr},
+    {L"Camera3DTrinsic", 15, &CObject<CCamera3DTrinsic>::_CreateInstance},
     {L"CameraLinearCalibration", 23, &CObject<CCameraLinearCalibration>::_CreateInstance},
     {L"SingleViewGeometry", 18, nullptr},
     {L"MultiViewGeometry", 17, nullptr},
