@@ -42,6 +42,7 @@ bool ModuleHost::Load(const std::string& installDir) {
     return false;
   }
   m_Components.Attach(static_cast<IComponentCollection*>(components));
+  m_Components->RegisterInstance(14, L"EventLogGlobal", &m_Log);
 
   void* module = OpenPeer("./_binlinux/Zeltrim.so", &m_Error);
   if (!module) return false;
@@ -53,6 +54,10 @@ bool ModuleHost::Load(const std::string& installDir) {
   }
   initialize(nullptr, m_Components.get());
   return true;
+}
+
+ModuleHost::~ModuleHost() {
+  if (m_Components) m_Components->RegisterInstance(14, L"EventLogGlobal", nullptr);
 }
 
 bool ModuleHost::Provides(const wchar_t* name) {
