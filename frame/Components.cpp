@@ -1,9 +1,5 @@
 #include "frame/Components.h"
 
-#include <dlfcn.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "frame/Conversions.h"
@@ -17,31 +13,7 @@ tagREFString Ref(const wchar_t* text) { return RefOf(text); }
 }  // namespace
 
 CREATORFUNCTION MODULECreateFunction(tagREFString module, tagREFString object) {
-  // Path "./_binlinux/<module>.so"; the name converted character by character.
-  std::string path = "./_binlinux/";
-  if (module.m_Length > 0 && module.m_Text) {
-    std::wstring name(module.m_Text, static_cast<size_t>(module.m_Length));
-    std::string narrow(static_cast<size_t>(module.m_Length) * MB_CUR_MAX + 1, '\0');
-    const size_t n = std::wcstombs(&narrow[0], name.c_str(), narrow.size() - 1);
-    if (n != static_cast<size_t>(-1)) path.append(narrow.c_str(), n);
-  }
-  path += ".so";
-
-  void* handle = dlopen(path.c_str(), RTLD_NOW);
-  if (!handle) {
-    const char* error = dlerror();
-    std::printf("Module not available %s, error %s\n", path.c_str(), error ? error : "");
-    dlerror();
-    return nullptr;
-  }
-  // Modules stay loaded for the life of the process: the handle is never closed.
-  auto create = reinterpret_cast<CREATEFUNCTION>(dlsym(handle, "CreateFunction"));
-  auto initialize = reinterpret_cast<INITIALIZEMODULE>(dlsym(handle, "InitializeModule"));
-  if (!create) return nullptr;
-  if (initialize && gGlobalComponentCollection) initialize(nullptr, gGlobalComponentCollection.get());
-  void* creator = nullptr;
-  create(object, &creator);
-  return reinterpret_cast<CREATORFUNCTION>(creator);
+  return ModuleCreator(ModulePath(module), gGlobalComponentCollection.get(), object);
 }
 
 IComponentCollection* GLOBALComponents() {

@@ -2,14 +2,11 @@
 // peers loaded by path, and lazily cached creators of the host objects it uses.
 #pragma once
 
+#include "frame/ModuleLoader.h"
 #include "frame/Object.h"
 
 // The collection handed over by InitializeModule (or loaded on demand).
 extern SmartPtr<IComponentCollection> gGlobalComponentCollection;
-
-typedef HRESULT (*CREATORFUNCTION)(void* outer, IID* iid, void** object);
-typedef HRESULT (*CREATEFUNCTION)(tagREFString name, void** creator);
-typedef HRESULT (*INITIALIZEMODULE)(void* reserved, IComponentCollection* components);
 
 // Loads "./_binlinux/<module>.so" (relative to the working folder) and asks it for the
 // creator of `object`. Null when the module or the object is missing.

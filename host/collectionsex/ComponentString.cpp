@@ -1,10 +1,5 @@
 #include "host/collectionsex/ComponentString.h"
 
-#include <dlfcn.h>
-
-#include <cstdio>
-#include <cstdlib>
-
 #include "host/collectionsex/ComponentTable.h"
 #include "host/collectionsex/GlobalComponentCollection.h"
 #include "host/common/HostString.h"
@@ -61,40 +56,18 @@ std::wstring CComponentString::Field(int field) const {
 HRESULT CComponentString::CreateInstance(const IID& iid, void** object) {
   if (!object) return E_POINTER;
   *object = nullptr;
-  HostCreator creator = HostModuleCreator(Field(COMPONENT_MODULE), Field(COMPONENT_OBJECT));
+  CREATORFUNCTION creator = HostModuleCreator(Field(COMPONENT_MODULE), Field(COMPONENT_OBJECT));
   if (!creator) return E_FAIL;
   IID asked = iid;
   return creator(nullptr, &asked, object);
 }
 
-HostCreator HostModuleCreator(const std::wstring& module, const std::wstring& object) {
+CREATORFUNCTION HostModuleCreator(const std::wstring& module, const std::wstring& object) {
   if (module.empty() || object.empty()) return nullptr;
-  std::string path = "./_binlinux/";
-  std::string narrow(module.size() * MB_CUR_MAX + 1, '\0');
-  const size_t n = std::wcstombs(&narrow[0], module.c_str(), narrow.size() - 1);
-  if (n == static_cast<size_t>(-1)) return nullptr;
-  path.append(narrow.c_str(), n);
-  path += ".so";
-  void* handle = dlopen(path.c_str(), RTLD_NOW);
-  if (!handle) {
-    const char* error = dlerror();
-    std::printf("Module not available %s, error %s\n", path.c_str(), error ? error : "");
-    dlerror();
-    return nullptr;
-  }
-  typedef HRESULT (*CreateFn)(tagREFString, void**);
-  typedef HRESULT (*InitFn)(void*, IComponentCollection*);
-  auto create = reinterpret_cast<CreateFn>(dlsym(handle, "CreateFunction"));
-  auto initialize = reinterpret_cast<InitFn>(dlsym(handle, "InitializeModule"));
-  if (!create) return nullptr;
-  // Every module shares the one global collection.
-  if (initialize) {
-    IComponentCollection* global = CGlobalComponentCollection::Instance();
-    initialize(nullptr, global);
-    global->Release();
-  }
-  void* creator = nullptr;
-  const tagREFString name{static_cast<int32_t>(object.size()), object.c_str()};
-  if (create(name, &creator) < 0) return nullptr;
-  return reinterpret_cast<HostCreator>(creator);
+  const tagREFString moduleName{static_cast<int32_t>(module.size()), module.c_str()};
+  const tagREFString objectName{static_cast<int32_t>(object.size()), object.c_str()};
+  IComponentCollection* global = CGlobalComponentCollection::Instance();
+  const CREATORFUNCTION creator = ModuleCreator(ModulePath(moduleName), global, objectName);
+  global->Release();
+  return creator;
 }

@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 
+#include "frame/ModuleLoader.h"
 #include "frame/Object.h"
 
 class CComponentString : public CObject<CComponentString>, public IComponentString, public IObjectInfoImpl<CComponentString> {
@@ -25,8 +26,7 @@ class CComponentString : public CObject<CComponentString>, public IComponentStri
   std::map<int, std::wstring> m_Fields;
 };
 
-// Loads "./_binlinux/<module>.so", hands it the global collection, and returns the
-// creator of `object`, or null (with a message on standard output when the module is
-// missing).
-typedef HRESULT (*HostCreator)(void* outer, IID* iid, void** object);
-HostCreator HostModuleCreator(const std::wstring& module, const std::wstring& object);
+// The creator of `object` from the module named `module`, loaded by ModuleCreator and
+// handed the host's global collection; null for an empty name or when the module or
+// the object is missing.
+CREATORFUNCTION HostModuleCreator(const std::wstring& module, const std::wstring& object);

@@ -1,5 +1,10 @@
 #include "host/collectionsex/ComponentTable.h"
 
+#include "frame/ModuleObjects.h"
+
+#define ZELTRIM_COMPONENT_BUILT_(Name, Class) {ZELTRIM_OBJECT_TEXT(Name), L"Zeltrim"},
+#define ZELTRIM_COMPONENT_NOT_BUILT_(Name) {ZELTRIM_OBJECT_TEXT(Name), L"Zeltrim"},
+
 const ComponentRow kComponentTable[] = {
     // The component frame itself.
     {L"GlobalComponentCollection", L"CollectionsEx"},
@@ -37,25 +42,9 @@ const ComponentRow kComponentTable[] = {
     {L"UIGrid", L"UserInterface"},
     {L"PMText", L"UserInterface"},
     {L"UIParametersSlidePropPage", L"UserInterface"},
-    // The calibration module's own objects.
-    {L"CalibrationBestFit", L"Zeltrim"},
-    {L"CalibrationDistortionRadial", L"Zeltrim"},
-    {L"CalibrationFitAndFilter", L"Zeltrim"},
-    {L"CalibrationFisheye", L"Zeltrim"},
-    {L"CalibrationInfoPropPage", L"Zeltrim"},
-    {L"CalibrationMatrixPropPage", L"Zeltrim"},
-    {L"CalibrationPolynomial", L"Zeltrim"},
-    {L"CalibrationsCollection", L"Zeltrim"},
-    {L"Camera3DCalibration", L"Zeltrim"},
-    {L"Camera3DCalibrationPlane", L"Zeltrim"},
-    {L"Camera3DTransform", L"Zeltrim"},
-    {L"Camera3DTrinsic", L"Zeltrim"},
-    {L"CameraLinearCalibration", L"Zeltrim"},
-    {L"SingleViewGeometry", L"Zeltrim"},
-    {L"MultiViewGeometry", L"Zeltrim"},
-    {L"TransformBestFit", L"Zeltrim"},
-    {L"TransformInterrogate", L"Zeltrim"},
-    {L"TransformResidualErrors", L"Zeltrim"},
+    // The calibration module's own objects, from its table, whether built or not: a name
+    // whose class is missing fails when its module is asked for it.
+    ZELTRIM_MODULE_OBJECTS(ZELTRIM_COMPONENT_BUILT_, ZELTRIM_COMPONENT_NOT_BUILT_)
 };
 
 const int kComponentTableSize = static_cast<int>(sizeof(kComponentTable) / sizeof(kComponentTable[0]));

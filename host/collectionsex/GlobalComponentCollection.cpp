@@ -137,7 +137,7 @@ HRESULT CGlobalComponentCollection::CreateComponent(int length, const wchar_t* n
   const int found = Find(wanted);
   if (found < 0) return E_FAIL;
   if (!iid) return get_Item(found, reinterpret_cast<IUnknown**>(out));
-  HostCreator creator = HostModuleCreator(m_Entries[found].module, m_Entries[found].object);
+  CREATORFUNCTION creator = HostModuleCreator(m_Entries[found].module, m_Entries[found].object);
   if (!creator) return E_FAIL;
   IID asked = *iid;
   return creator(nullptr, &asked, out);

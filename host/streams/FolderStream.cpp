@@ -1,9 +1,7 @@
 #include "host/streams/FolderStream.h"
 
-#include <cstdio>
 #include <cstring>
 #include <new>
-#include <set>
 
 #include "host/common/HostString.h"
 #include "host/common/PeerModule.h"
@@ -12,68 +10,13 @@
 
 ZELTRIM_PEER_OBJECT(L"FolderStream", CFolderStream);
 
+using namespace folder_codec;
+
 namespace {
-
-constexpr uint8_t kMagic[4] = {'Z', 'T', 'F', 'S'};
-constexpr uint16_t kVersion = 1;
-constexpr size_t kHeaderBytes = 16;
-// Smallest entry: type (1), name length (2), value size (4).
-constexpr size_t kMinEntryBytes = 7;
-
-void PutU16(std::vector<uint8_t>* out, uint32_t v) {
-  out->push_back(static_cast<uint8_t>(v));
-  out->push_back(static_cast<uint8_t>(v >> 8));
-}
-void PutU32(std::vector<uint8_t>* out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) out->push_back(static_cast<uint8_t>(v >> (8 * i)));
-}
-void PutU32At(std::vector<uint8_t>* out, size_t at, uint32_t v) {
-  for (int i = 0; i < 4; ++i) (*out)[at + i] = static_cast<uint8_t>(v >> (8 * i));
-}
-void PutWide(std::vector<uint8_t>* out, const std::wstring& text) {
-  for (wchar_t c : text) PutU32(out, static_cast<uint32_t>(c));
-}
-
-uint32_t GetU16(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8; }
-uint32_t GetU32(const uint8_t* p) {
-  return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-
-// A bounds-checked cursor over a byte block.
-struct Reader {
-  const uint8_t* data;
-  size_t size;
-  size_t at = 0;
-  bool Has(size_t n) const { return n <= size - at; }
-  bool U8(uint32_t* v) {
-    if (!Has(1)) return false;
-    *v = data[at++];
-    return true;
-  }
-  bool U16(uint32_t* v) {
-    if (!Has(2)) return false;
-    *v = GetU16(data + at);
-    at += 2;
-    return true;
-  }
-  bool U32(uint32_t* v) {
-    if (!Has(4)) return false;
-    *v = GetU32(data + at);
-    at += 4;
-    return true;
-  }
-  bool Wide(size_t chars, std::wstring* text) {
-    if (chars > (size - at) / 4) return false;
-    text->resize(chars);
-    for (size_t i = 0; i < chars; ++i) (*text)[i] = static_cast<wchar_t>(GetU32(data + at + 4 * i));
-    at += 4 * chars;
-    return true;
-  }
-};
 
 std::wstring NumberText(const CFolderStream::Entry& e) {
   wchar_t buffer[64];
-  if (e.type == CFolderStream::TYPE_INT32)
+  if (e.type == TYPE_INT32)
     std::swprintf(buffer, 64, L"%d", e.integer);
   else
     std::swprintf(buffer, 64, L"%.17g", e.number);
@@ -86,130 +29,55 @@ IDataStream* AsDataStream(CFolderStream* folder) {
 
 }  // namespace
 
-// ------------------------------------------------------------------ binary form
+// ------------------------------------------------------------------ file image
 
-bool CFolderStream::WriteBody(const CFolderStream& folder, std::vector<uint8_t>* out, int depth) {
-  if (depth > kMaxDepth) return false;
-  PutU32(out, static_cast<uint32_t>(folder.m_Entries.size()));
-  for (const Entry& e : folder.m_Entries) {
-    if (e.name.size() > kMaxNameChars) return false;
-    out->push_back(static_cast<uint8_t>(e.type));
-    PutU16(out, static_cast<uint32_t>(e.name.size()));
-    PutWide(out, e.name);
-    const size_t sizeAt = out->size();
-    PutU32(out, 0);
-    const size_t valueAt = out->size();
-    switch (e.type) {
-      case TYPE_DATA: out->insert(out->end(), e.data.begin(), e.data.end()); break;
-      case TYPE_STRING: PutWide(out, e.text); break;
-      case TYPE_INT32: PutU32(out, static_cast<uint32_t>(e.integer)); break;
-      case TYPE_DOUBLE: {
-        uint64_t bits;
-        std::memcpy(&bits, &e.number, 8);
-        PutU32(out, static_cast<uint32_t>(bits));
-        PutU32(out, static_cast<uint32_t>(bits >> 32));
-        break;
-      }
-      case TYPE_OBJECT:
-        if (e.text.size() > kMaxNameChars) return false;
-        PutU16(out, static_cast<uint32_t>(e.text.size()));
-        PutWide(out, e.text);
-        [[fallthrough]];  // the object's data follows as a folder body
-      case TYPE_FOLDER:
-        if (!e.folder || !WriteBody(*e.folder, out, depth + 1)) return false;
-        break;
-      default: return false;
+bool CFolderStream::Export(const std::vector<Entry>& entries, std::vector<folder_codec::Entry>* out) {
+  out->clear();
+  out->reserve(entries.size());
+  for (const Entry& e : entries) {
+    out->push_back(e);  // the codec part; `children` is empty here
+    if (e.type == TYPE_FOLDER || e.type == TYPE_OBJECT) {
+      if (!e.folder || !Export(e.folder->m_Entries, &out->back().children)) return false;
     }
-    if (out->size() > kMaxFileBytes) return false;
-    PutU32At(out, sizeAt, static_cast<uint32_t>(out->size() - valueAt));
   }
   return true;
 }
 
-bool CFolderStream::ReadBody(const uint8_t* data, size_t size, int depth, std::vector<Entry>* entries) {
-  if (depth > kMaxDepth) return false;
-  Reader in{data, size};
-  uint32_t count = 0;
-  if (!in.U32(&count)) return false;
-  if (count > (size - in.at) / kMinEntryBytes) return false;
-  std::set<std::wstring> names;
-  entries->clear();
-  entries->reserve(count);
-  for (uint32_t i = 0; i < count; ++i) {
-    Entry e;
-    uint32_t type = 0, nameChars = 0, valueSize = 0;
-    if (!in.U8(&type) || !in.U16(&nameChars) || nameChars > kMaxNameChars || !in.Wide(nameChars, &e.name) ||
-        !in.U32(&valueSize) || !in.Has(valueSize))
-      return false;
-    if (!names.insert(e.name).second) return false;  // names are unique within a folder
-    e.type = static_cast<int>(type);
-    Reader value{data + in.at, valueSize};
-    in.at += valueSize;
-    switch (type) {
-      case TYPE_DATA: e.data.assign(value.data, value.data + valueSize); break;
-      case TYPE_STRING:
-        if (valueSize % 4 != 0 || !value.Wide(valueSize / 4, &e.text)) return false;
-        break;
-      case TYPE_INT32: {
-        uint32_t v;
-        if (valueSize != 4 || !value.U32(&v)) return false;
-        e.integer = static_cast<int32_t>(v);
-        break;
-      }
-      case TYPE_DOUBLE: {
-        uint32_t lo, hi;
-        if (valueSize != 8 || !value.U32(&lo) || !value.U32(&hi)) return false;
-        const uint64_t bits = uint64_t(lo) | uint64_t(hi) << 32;
-        std::memcpy(&e.number, &bits, 8);
-        break;
-      }
-      case TYPE_OBJECT: {
-        uint32_t objectChars = 0;
-        if (!value.U16(&objectChars) || objectChars > kMaxNameChars || !value.Wide(objectChars, &e.text))
-          return false;
-        [[fallthrough]];  // the object's data follows as a folder body
-      }
-      case TYPE_FOLDER: {
-        CFolderStream* child = new (std::nothrow) CFolderStream();
-        if (!child) return false;
-        e.folder.Attach(child);
-        child->m_Depth = depth + 1;
-        if (!ReadBody(value.data + value.at, valueSize - value.at, depth + 1, &child->m_Entries)) return false;
-        break;
-      }
-      default: return false;
+bool CFolderStream::Adopt(std::vector<folder_codec::Entry>* decoded, int depth, std::vector<Entry>* out) {
+  out->clear();
+  out->reserve(decoded->size());
+  for (folder_codec::Entry& d : *decoded) {
+    std::vector<folder_codec::Entry> children;
+    children.swap(d.children);
+    out->emplace_back();
+    Entry& e = out->back();
+    static_cast<folder_codec::Entry&>(e) = std::move(d);
+    if (e.type == TYPE_FOLDER || e.type == TYPE_OBJECT) {
+      CFolderStream* child = new (std::nothrow) CFolderStream();
+      if (!child) return false;
+      e.folder.Attach(child);
+      child->m_Depth = depth + 1;
+      if (!Adopt(&children, depth + 1, &child->m_Entries)) return false;
     }
-    entries->push_back(std::move(e));
   }
-  return in.at == size;  // nothing may trail the entries
+  return true;
 }
 
 bool CFolderStream::SaveImage(std::vector<uint8_t>* image) const {
   try {
-    image->assign(kHeaderBytes, 0);
-    if (!WriteBody(*this, image, m_Depth)) return false;
-    const size_t payload = image->size() - kHeaderBytes;
-    std::memcpy(image->data(), kMagic, 4);
-    (*image)[4] = static_cast<uint8_t>(kVersion);
-    (*image)[5] = static_cast<uint8_t>(kVersion >> 8);
-    PutU32At(image, 8, static_cast<uint32_t>(payload));
-    PutU32At(image, 12, streams::Crc32(image->data() + kHeaderBytes, payload));
+    std::vector<folder_codec::Entry> tree;
+    if (Export(m_Entries, &tree) && Encode(tree, m_Depth, image)) return true;
   } catch (...) {
-    return false;
   }
-  return true;
+  image->clear();  // never a partial image
+  return false;
 }
 
 bool CFolderStream::LoadImage(const uint8_t* image, size_t size) {
-  if (!image || size < kHeaderBytes || size > kMaxFileBytes) return false;
-  if (std::memcmp(image, kMagic, 4) != 0) return false;
-  if (GetU16(image + 4) != kVersion || GetU16(image + 6) != 0) return false;
-  const size_t payload = GetU32(image + 8);
-  if (payload != size - kHeaderBytes) return false;
-  if (GetU32(image + 12) != streams::Crc32(image + kHeaderBytes, payload)) return false;
   std::vector<Entry> entries;
   try {
-    if (!ReadBody(image + kHeaderBytes, payload, m_Depth, &entries)) return false;
+    std::vector<folder_codec::Entry> tree;
+    if (!Decode(image, size, m_Depth, &tree) || !Adopt(&tree, m_Depth, &entries)) return false;
   } catch (...) {
     return false;
   }
@@ -586,102 +454,6 @@ HRESULT CFolderStream::ReadValue(IString* name, void* value, int type) {
     return S_OK;
   }
   return E_INVALIDARG;
-}
-
-// ------------------------------------------------------------------ IFileArchive
-
-HRESULT CFolderStream::get_Filename(IString** name) {
-  if (!name) return E_POINTER;
-  *name = nullptr;
-  if (m_Filename.empty()) return E_FAIL;
-  *name = CHostString::Create(m_Filename);
-  return S_OK;
-}
-
-HRESULT CFolderStream::put_Filename(IString* name) {
-  std::wstring text;
-  if (name && !streams::TextOf(name, &text)) return E_INVALIDARG;
-  m_Filename = text;
-  m_Controls[0] = 1;
-  m_Controls[1] = 0;
-  return S_OK;
-}
-
-HRESULT CFolderStream::get_Filter(IString** filter, short) {
-  if (!filter) return E_POINTER;
-  *filter = CHostString::Create(L"Folder stream (*.t*)|*.t*|All Files (*.*)|*.*||");
-  return S_OK;
-}
-
-HRESULT CFolderStream::get_Name(IString** name) {
-  if (!name) return E_POINTER;
-  *name = nullptr;
-  if (m_Filename.empty()) return E_FAIL;
-  const size_t slash = m_Filename.find_last_of(L'/');
-  std::wstring base = slash == std::wstring::npos ? m_Filename : m_Filename.substr(slash + 1);
-  const size_t dot = base.find_last_of(L'.');
-  if (dot != std::wstring::npos && dot > 0) base.resize(dot);
-  *name = CHostString::Create(base);
-  return S_OK;
-}
-
-HRESULT CFolderStream::Load() {
-  if (m_Filename.empty()) return E_FAIL;
-  const std::string path = streams::ToUtf8(m_Filename.data(), m_Filename.size());
-  FILE* file = std::fopen(path.c_str(), "rb");
-  if (!file) return E_FAIL;
-  std::vector<uint8_t> image;
-  bool ok = std::fseek(file, 0, SEEK_END) == 0;
-  const long size = ok ? std::ftell(file) : -1;
-  ok = ok && size >= 0 && static_cast<unsigned long>(size) <= kMaxFileBytes && std::fseek(file, 0, SEEK_SET) == 0;
-  if (ok) {
-    try {
-      image.resize(static_cast<size_t>(size));
-    } catch (...) {
-      ok = false;
-    }
-  }
-  ok = ok && (image.empty() || std::fread(image.data(), 1, image.size(), file) == image.size());
-  std::fclose(file);
-  if (!ok || !LoadImage(image.data(), image.size())) return E_FAIL;
-  m_Controls[0] = 0;
-  m_Controls[1] = 1;
-  return S_OK;
-}
-
-HRESULT CFolderStream::Save() {
-  if (m_Filename.empty()) return E_FAIL;
-  std::vector<uint8_t> image;
-  if (!SaveImage(&image)) return E_FAIL;
-  const std::string path = streams::ToUtf8(m_Filename.data(), m_Filename.size());
-  FILE* file = std::fopen(path.c_str(), "wb");
-  if (!file) return E_FAIL;
-  const bool written = std::fwrite(image.data(), 1, image.size(), file) == image.size();
-  const bool closed = std::fclose(file) == 0;
-  if (!written || !closed) return E_FAIL;
-  m_Controls[0] = 0;
-  m_Controls[1] = 1;
-  return S_OK;
-}
-
-HRESULT CFolderStream::Control(int code, int value) {
-  if (code < 0 || code > 4) return E_INVALIDARG;
-  m_Controls[code] = value;
-  return S_OK;
-}
-
-HRESULT CFolderStream::Inquire(int code, int* value) {
-  if (!value) return E_POINTER;
-  if (code < 0 || code > 4) return E_INVALIDARG;
-  *value = m_Controls[code];
-  return S_OK;
-}
-
-HRESULT CFolderStream::Unload() {
-  m_Entries.clear();
-  m_Image.clear();
-  m_ImagePosition = 0;
-  return S_OK;
 }
 
 // ------------------------------------------------------------------ INamedCollection

@@ -1,6 +1,7 @@
 // "FolderStream": a tree of named entries with typed values, held in memory, saved to
-// and loaded from a binary file through IFileArchive (format: host/README.md, section
-// "Folder stream file format").
+// and loaded from a binary file through IFileArchive. The stream object is in
+// FolderStream.cpp, its IFileArchive side in FolderArchive.cpp, and the file format
+// (host/README.md, section "Folder stream file format") in FolderCodec.cpp.
 //
 // Names and keys: a key handed in as IString* may also be a variant; one holding an
 // integer addresses the entry of that index. WriteObject with a null name names the
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "frame/Object.h"
+#include "host/streams/FolderCodec.h"
 
 class CFolderStream : public CObject<CFolderStream>,
                       public IFolderStream,
@@ -23,18 +25,9 @@ class CFolderStream : public CObject<CFolderStream>,
                       public IString,
                       public IObjectInfo {
  public:
-  enum EntryType { TYPE_DATA = 1, TYPE_STRING = 2, TYPE_INT32 = 3, TYPE_DOUBLE = 5, TYPE_FOLDER = 6, TYPE_OBJECT = 7 };
-  static constexpr int kMaxDepth = 64;                       // nested sub-streams
-  static constexpr size_t kMaxFileBytes = size_t(256) << 20;  // whole file
-  static constexpr size_t kMaxNameChars = 4096;
-
-  struct Entry {
-    std::wstring name;
-    int type = TYPE_DATA;
-    std::vector<uint8_t> data;  // TYPE_DATA
-    std::wstring text;          // TYPE_STRING; TYPE_OBJECT: the object's name
-    int32_t integer = 0;
-    double number = 0.0;
+  // An entry of the tree. The entries below a sub-stream or an object live in the child
+  // stream object `folder`, which callers hold and write into; `children` stays empty.
+  struct Entry : folder_codec::Entry {
     SmartPtr<CFolderStream> folder;  // TYPE_FOLDER and TYPE_OBJECT
   };
 
@@ -64,7 +57,7 @@ class CFolderStream : public CObject<CFolderStream>,
   HRESULT ReadObject(IString* name, void** out, int options) override;
   HRESULT ReadValue(IString* name, void* value, int type) override;
 
-  // IFileArchive
+  // IFileArchive (FolderArchive.cpp)
   HRESULT get_Filename(IString** name) override;
   HRESULT put_Filename(IString* name) override;
   HRESULT get_Filter(IString** filter, short) override;
@@ -105,8 +98,12 @@ class CFolderStream : public CObject<CFolderStream>,
   Entry* Place(IUnknown* key, HRESULT* hr);
   CFolderStream* NewChild() const;
   void Dump(std::wstring* out, int indent) const;
-  static bool WriteBody(const CFolderStream& folder, std::vector<uint8_t>* out, int depth);
-  static bool ReadBody(const uint8_t* data, size_t size, int depth, std::vector<Entry>* entries);
+  // The tree as codec entries, sub-streams copied in; false on a sub-stream entry
+  // without its stream.
+  static bool Export(const std::vector<Entry>& entries, std::vector<folder_codec::Entry>* out);
+  // Entries from decoded ones, each sub-tree moved into a new child stream one level
+  // below `depth`.
+  static bool Adopt(std::vector<folder_codec::Entry>* decoded, int depth, std::vector<Entry>* out);
 
   std::vector<Entry> m_Entries;
   int m_Depth = 0;  // nesting of this stream below the root

@@ -1,6 +1,6 @@
 // Helpers shared by the stream objects of the "Streams" peer module: reading text out of
-// whatever the caller hands in as a name or value (a string or a variant), UTF-8
-// encoding, and the checksum of the folder stream format.
+// whatever the caller hands in as a name or value (a string or a variant), and UTF-8
+// encoding.
 #pragma once
 
 #include "host/common/HostString.h"
@@ -30,9 +30,6 @@ bool TextOf(IUnknown* value, std::wstring* text);
 
 // UTF-8 of wide text; values that are not Unicode scalars become U+FFFD.
 inline std::string ToUtf8(const wchar_t* text, size_t length) { return HostUtf8(text, length); }
-
-// IEEE CRC-32 (reflected, polynomial 0xEDB88320), as used by zip and PNG.
-uint32_t Crc32(const uint8_t* data, size_t size);
 
 // Case-insensitive comparison of two wide views (ASCII letters folded).
 bool SameNameNoCase(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength);

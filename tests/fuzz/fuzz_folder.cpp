@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "host/streams/FolderStream.h"
-#include "host/streams/StreamCommon.h"
+#include "host/streams/FolderCodec.h"
 
 namespace {
 
@@ -14,7 +14,7 @@ namespace {
 std::vector<uint8_t> Wrap(const uint8_t* payload, size_t size) {
   std::vector<uint8_t> image = {'Z', 'T', 'F', 'S', 1, 0, 0, 0};
   const uint32_t length = static_cast<uint32_t>(size);
-  const uint32_t crc = streams::Crc32(payload, size);
+  const uint32_t crc = folder_codec::Crc32(payload, size);
   for (uint32_t v : {length, crc})
     for (int i = 0; i < 4; ++i) image.push_back(static_cast<uint8_t>(v >> (8 * i)));
   image.insert(image.end(), payload, payload + size);

@@ -7,21 +7,19 @@
 
 #include <cwchar>
 
+#include "frame/ModuleObjects.h"
 #include "frame/Object.h"
 
 typedef HRESULT (*CreateFunctionFn)(tagREFString, void**);
 typedef HRESULT (*InitializeModuleFn)(void*, IComponentCollection*);
 typedef HRESULT (*CreatorFn)(void*, IID*, void**);
 
-// The module's creatable objects, in the order its factory tests them.
-inline const wchar_t* const kCreatableObjectNames[18] = {
-    L"CalibrationBestFit",      L"CalibrationDistortionRadial", L"CalibrationFitAndFilter",
-    L"CalibrationFisheye",      L"CalibrationInfoPropPage",     L"CalibrationMatrixPropPage",
-    L"CalibrationPolynomial",   L"CalibrationsCollection",      L"Camera3DCalibration",
-    L"Camera3DCalibrationPlane", L"Camera3DTransform",          L"Camera3DTrinsic",
-    L"CameraLinearCalibration", L"SingleViewGeometry",          L"MultiViewGeometry",
-    L"TransformBestFit",        L"TransformInterrogate",        L"TransformResidualErrors",
-};
+// The module's creatable object names, in the order its factory tests them, read from
+// its object table (names only: the classes are not linked here).
+#define ZELTRIM_FIXTURE_BUILT_(Name, Class) ZELTRIM_OBJECT_TEXT(Name),
+#define ZELTRIM_FIXTURE_NOT_BUILT_(Name) ZELTRIM_OBJECT_TEXT(Name),
+inline const wchar_t* const kCreatableObjectNames[] = {
+    ZELTRIM_MODULE_OBJECTS(ZELTRIM_FIXTURE_BUILT_, ZELTRIM_FIXTURE_NOT_BUILT_)};
 
 inline tagREFString Ref(const wchar_t* text) { return tagREFString{static_cast<int32_t>(std::wcslen(text)), text}; }
 

@@ -1,67 +1,51 @@
-// The linear camera calibration driven through its interfaces from a loaded module.
-#include <cmath>
-
-#include "tests/module/ModuleFixture.h"
+// The hand-set linear camera calibration: its chain of steps, its named parameters and
+// units. Files, streams, interfaces and references: the property suite.
+#include "tests/module/PropertySuite.h"
 
 namespace {
-
-constexpr double kRoundTrip = 1e-9;
 
 SmartPtr<ICameraLinearCalibration> NewLinear() {
   return LoadedModule::Get().Create<ICameraLinearCalibration>(L"CameraLinearCalibration");
 }
 
-// Sets every number of the chain to something that is not an identity.
 void SetAll(ICameraLinearCalibration* c) {
-  c->SetCameraOrigin(320, 240);
+  c->SetCameraOrigin(320.5, 240.25);
   c->SetCameraRoll(7.5);
-  c->SetScale(0.05, -0.04, 2.0);
-  c->SetOrigin(100, -50, 3);
+  c->SetScale(0.125, -0.0625, 2);
+  c->SetOrigin(100, -50, 3.5);
   c->SetRoll(30);
   c->SetPitch(-12);
   c->SetYaw(4);
 }
 
-TEST(LinearCalibration, AnswersItsInterfacesInOrderAndNothingElse) {
-  SmartPtr<ICameraLinearCalibration> c = NewLinear();
-  ASSERT_TRUE(c);
-  SmartPtr<ICalibration> calibration = QueryAs<ICalibration>(c);
-  ASSERT_TRUE(calibration);
-  // ICalibration is the route of the main interface: the same pointer.
-  EXPECT_EQ(static_cast<void*>(calibration.get()), static_cast<void*>(c.get()));
-  EXPECT_TRUE(QueryAs<IObjectInfo>(c));
-  SmartPtr<IUnknown> a = QueryAs<IUnknown>(c);
-  SmartPtr<IUnknown> b = QueryAs<IUnknown>(calibration);
-  EXPECT_EQ(a.get(), b.get());
-  for (const IID* other : {&IID_ITransform, &IID_ITransformBestFit, &IID_ITransformFitErrors,
-                           &IID_ICalibrationBestFit, &IID_IHomogeneousTransform}) {
-    void* p = reinterpret_cast<void*>(0x1);
-    EXPECT_EQ(c->QueryInterface(*other, &p), E_NOINTERFACE);
-    EXPECT_EQ(p, nullptr);
-  }
+void Prepare(IUnknown* object) {
+  SetAll(QueryAs<ICameraLinearCalibration>(object));
+  ParameterList camera;  // stored and saved, part of no chain
+  camera.Number(L"CameraScaleX", 5).Number(L"CameraScaleY", 0.5);
+  QueryAs<IParametricObject>(object)->SetParameters(camera.list);
+  SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(object);
+  info->put_CALIBName(Str(L"Bench camera"));
+  info->put_CALIBDescription(Str(L"left <bench> & co"));
+  info->put_CALIBUnitsText(Str(L"mm"));
+  info->put_CALIBUnits(2);  // from 0: no table entry, the scales keep their numbers
+  info->SetCalibrationTime();
 }
 
-TEST(LinearCalibration, ReferencesCountBackToZero) {
-  SmartPtr<ICameraLinearCalibration> held = NewLinear();
-  ASSERT_TRUE(held);
-  ICameraLinearCalibration* c = held.Detach();
-  EXPECT_EQ(c->AddRef(), 2);
-  SmartPtr<IObjectInfo> info = QueryAs<IObjectInfo>(c);
-  EXPECT_EQ(RefCount(c), 3);  // every interface shares one count
-  info.Clear();
-  EXPECT_EQ(c->Release(), 1);
-  EXPECT_EQ(c->Release(), 0);
-}
-
-TEST(LinearCalibration, GetNameIgnoresItsIntegerAndNeedsNoState) {
-  SmartPtr<IObjectInfo> info = QueryAs<IObjectInfo>(NewLinear());
-  ASSERT_TRUE(info);
-  for (int any : {0, 1, -7, 1 << 30}) {
-    tagREFString name{0, nullptr};
-    ASSERT_EQ(info->GetName(any, &name), S_OK);
-    EXPECT_EQ(std::wstring(name.m_Text, name.m_Length), L"CameraLinearCalibration");
-  }
-}
+using property::Route;
+const property::ClassTraits kLinear{
+    .name = L"CameraLinearCalibration",
+    .routes = {{&IID_IObjectInfo}, {&IID_ICameraLinearCalibration}, {&IID_ICalibration, &IID_ICameraLinearCalibration},
+               {&IID_IFileArchive}, {&IID_ICalibrationInfo}, {&IID_IDataPersist}, {&IID_IParametricObject},
+               {&IID_IUIPropertyPageSpecify}},
+    .prepare = Prepare,
+    // XML carries the fourteen parameters only (as text, nine decimals at most); the
+    // folder stream adds the info block.
+    .forms = {{.xml = true, .extension = "xml", .tolerance = 1e-9, .lost = {"info."}}, {.xml = false, .extension = "tLin"}},
+    .nullStream = {S_OK, E_FAIL},  // Save writes nothing and succeeds, Load fails
+    .otherStream = {S_OK, E_FAIL},
+    .revertTolerance = 1e-9,
+};
+ZELTRIM_PROPERTY_CLASS(kLinear);
 
 TEST(LinearCalibration, ZeroScalesAreStoredAsOne) {
   SmartPtr<ICameraLinearCalibration> c = NewLinear();
@@ -73,82 +57,150 @@ TEST(LinearCalibration, ZeroScalesAreStoredAsOne) {
   EXPECT_EQ(z, 1.0);
 }
 
-TEST(LinearCalibration, AccessorsKeepWhatIsSet) {
-  SmartPtr<ICameraLinearCalibration> c = NewLinear();
-  SetAll(c);
-  double a = 0, b = 0, d = 0;
-  c->GetOrigin(&a, &b, &d);
-  EXPECT_EQ(a, 100);
-  EXPECT_EQ(b, -50);
-  EXPECT_EQ(d, 3);
-  c->GetCameraOrigin(&a, &b);
-  EXPECT_EQ(a, 320);
-  EXPECT_EQ(b, 240);
-  c->GetRoll(&a);
-  EXPECT_EQ(a, 30);
-  c->GetPitch(&a);
-  EXPECT_EQ(a, -12);
-  c->GetYaw(&a);
-  EXPECT_EQ(a, 4);
-  c->GetCameraRoll(&a);
-  EXPECT_EQ(a, 7.5);
-  EXPECT_EQ(c->GetCameraRoll(nullptr), S_OK);
-}
-
 TEST(LinearCalibration, NewObjectLeavesPointsAsTheEmptyChainDoes) {
   SmartPtr<ICameraLinearCalibration> c = NewLinear();
   double x = 1.5, y = -2.5, z = 3.5;
   ASSERT_EQ(c->Convert(&x, &y, &z), S_OK);
+  ASSERT_EQ(c->Revert(&x, &y, &z), S_OK);
   EXPECT_EQ(x, 1.5);
   EXPECT_EQ(y, -2.5);
   EXPECT_EQ(z, 3.5);
-  ASSERT_EQ(c->Revert(&x, &y, &z), S_OK);
-  EXPECT_EQ(x, 1.5);
 }
 
-TEST(LinearCalibration, RevertUndoesConvert) {
-  SmartPtr<ICameraLinearCalibration> c = NewLinear();
-  SetAll(c);
-  for (const double* p : {(const double[3]){0, 0, 0}, (const double[3]){640, 480, 0}, (const double[3]){-3, 17, 9}}) {
-    double x = p[0], y = p[1], z = p[2];
-    ASSERT_EQ(c->Convert(&x, &y, &z), S_OK);
-    EXPECT_GT(std::fabs(x - p[0]) + std::fabs(y - p[1]), 1e-3);  // the chain did something
-    ASSERT_EQ(c->Revert(&x, &y, &z), S_OK);
-    EXPECT_NEAR(x, p[0], kRoundTrip);
-    EXPECT_NEAR(y, p[1], kRoundTrip);
-    EXPECT_NEAR(z, p[2], kRoundTrip);
-  }
-}
-
-// The forward chain is: camera origin, camera roll, scale, translation, roll, pitch,
-// yaw. A host transform built step by step in that order must agree exactly.
+// The forward chain is: camera origin, camera roll, scale, translation, roll, pitch, yaw.
+// A host transform built step by step in that order must agree exactly.
 TEST(LinearCalibration, ForwardChainRunsInItsStatedOrder) {
-  LoadedModule& m = LoadedModule::Get();
   SmartPtr<ICameraLinearCalibration> c = NewLinear();
   SetAll(c);
-  SmartPtr<ILinearTransform> expected = m.CreateHost<ILinearTransform>(L"LinearTransform");
-  ASSERT_TRUE(expected);
-  expected->AddStep(STEP_TRANSLATE, 0, -320, -240, 0);
+  SmartPtr<ILinearTransform> expected = LoadedModule::Get().CreateHost<ILinearTransform>(L"LinearTransform");
+  expected->AddStep(STEP_TRANSLATE, 0, -320.5, -240.25, 0);
   expected->AddStep(STEP_ROLL, 0, 7.5, 0, 0);
-  expected->AddStep(STEP_SCALE, 0, 0.05, -0.04, 2.0);
-  expected->AddStep(STEP_TRANSLATE, 0, 100, -50, 3);
+  expected->AddStep(STEP_SCALE, 0, 0.125, -0.0625, 2);
+  expected->AddStep(STEP_TRANSLATE, 0, 100, -50, 3.5);
   expected->AddStep(STEP_ROLL, 0, 30, 0, 0);
   expected->AddStep(STEP_PITCH, 0, -12, 0, 0);
   expected->AddStep(STEP_YAW, 1, 4, 0, 0);
-  double x = 411, y = 97, z = 1;
-  double ex = x, ey = y, ez = z;
-  ASSERT_EQ(c->Convert(&x, &y, &z), S_OK);
-  ASSERT_EQ(expected->Convert(&ex, &ey, &ez), S_OK);
-  EXPECT_EQ(x, ex);
-  EXPECT_EQ(y, ey);
-  EXPECT_EQ(z, ez);
-
-  // The translation comes before the rotations: moving it changes the result by the
+  P got{411, 97, 1}, want = got;
+  ASSERT_EQ(c->Convert(&got.x, &got.y, &got.z), S_OK);
+  ASSERT_EQ(expected->Convert(&want.x, &want.y, &want.z), S_OK);
+  EXPECT_EQ(got.x, want.x);
+  EXPECT_EQ(got.y, want.y);
+  EXPECT_EQ(got.z, want.z);
+  // The translation comes before the rotations: moving it moves the result by the
   // rotated offset, not by the offset itself.
-  c->SetOrigin(101, -50, 3);
-  double x2 = 411, y2 = 97, z2 = 1;
-  c->Convert(&x2, &y2, &z2);
-  EXPECT_GT(std::fabs(std::fabs(x2 - x) - 1.0), 1e-3);
+  c->SetOrigin(101, -50, 3.5);
+  P moved{411, 97, 1};
+  c->Convert(&moved.x, &moved.y, &moved.z);
+  EXPECT_GT(std::fabs(std::fabs(moved.x - got.x) - 1.0), 1e-3);
+}
+
+TEST(LinearCalibrationParameters, FourteenNamesInOrderAndPartialSetsChangeOnlyTheirFields) {
+  SmartPtr<ICameraLinearCalibration> c = NewLinear();
+  SetAll(c);
+  SmartPtr<INamedCollection> params;
+  ASSERT_EQ(QueryAs<IParametricObject>(c)->GetParameters(params.Out(), 0), S_OK);
+  const wchar_t* names[] = {L"Roll",       L"Pitch",      L"Yaw",           L"ScaleX",        L"ScaleY",
+                            L"ScaleZ",     L"TranslateX", L"TranslateY",    L"TranslateZ",    L"CameraRoll",
+                            L"CameraOriginX", L"CameraOriginY", L"CameraScaleX", L"CameraScaleY"};
+  const double values[] = {30, -12, 4, 0.125, -0.0625, 2, 100, -50, 3.5, 7.5, 320.5, 240.25, 1, 1};
+  ASSERT_EQ(Count(params), 14);
+  for (int i = 0; i < 14; ++i) {
+    SmartPtr<IString> name;
+    params->get_ItemName(i, name.Out());
+    EXPECT_EQ(Text(name), names[i]);
+    EXPECT_EQ(Parameter(c, names[i]), values[i]) << i;
+  }
+  ParameterList only;
+  only.Number(L"Roll", 90);
+  QueryAs<IParametricObject>(c)->SetParameters(only.list);
+  double roll = 0, pitch = 0;
+  c->GetRoll(&roll);
+  c->GetPitch(&pitch);
+  EXPECT_EQ(roll, 90);
+  EXPECT_EQ(pitch, -12);
+  // The chains were rebuilt with the new roll: they agree with a roll set directly.
+  SmartPtr<ICameraLinearCalibration> direct = NewLinear();
+  SetAll(direct);
+  direct->SetRoll(90);
+  P a{5, 6, 0}, b{5, 6, 0};
+  c->Convert(&a.x, &a.y, &a.z);
+  direct->Convert(&b.x, &b.y, &b.z);
+  EXPECT_EQ(a.x, b.x);
+  EXPECT_EQ(a.y, b.y);
+}
+
+TEST(LinearCalibrationParameters, TextValuesReadAsTheirLeadingNumber) {
+  SmartPtr<ICameraLinearCalibration> c = NewLinear();
+  ParameterList texts;
+  texts.Textual(L"Roll", L" +12.5x").Textual(L"Pitch", L"#1F").Textual(L"Yaw", L"").Textual(L"ScaleX", L"1e3");
+  c->SetYaw(7);
+  QueryAs<IParametricObject>(c)->SetParameters(texts.list);
+  EXPECT_EQ(Parameter(c, L"Roll"), 12.5);
+  EXPECT_EQ(Parameter(c, L"Pitch"), 31.0);
+  EXPECT_EQ(Parameter(c, L"Yaw"), 7.0);     // an empty text leaves the field
+  EXPECT_EQ(Parameter(c, L"ScaleX"), 1.0);  // no exponent: "1e3" reads as 1
+}
+
+TEST(LinearCalibrationParameters, ZeroScaleThroughParametersIsKeptAndRevertsToInfinity) {
+  SmartPtr<ICameraLinearCalibration> c = NewLinear();
+  ParameterList zero;
+  zero.Number(L"ScaleX", 0);
+  QueryAs<IParametricObject>(c)->SetParameters(zero.list);
+  P p{5, 6, 0};
+  c->Convert(&p.x, &p.y, &p.z);
+  EXPECT_EQ(p.x, 0.0);
+  EXPECT_EQ(p.y, 6.0);
+  p = {5, 6, 0};
+  c->Revert(&p.x, &p.y, &p.z);
+  EXPECT_TRUE(std::isinf(p.x));  // 1/0 passed on as it stands
+}
+
+TEST(LinearCalibrationParameters, CameraScalesChangeNoConvertedPoint) {
+  SmartPtr<ICameraLinearCalibration> c = NewLinear(), plain = NewLinear();
+  SetAll(c);
+  SetAll(plain);
+  ParameterList camera;
+  camera.Number(L"CameraScaleX", 5).Number(L"CameraScaleY", -3);
+  QueryAs<IParametricObject>(c)->SetParameters(camera.list);
+  P a{411, 97, 1}, b = a;
+  c->Convert(&a.x, &a.y, &a.z);
+  plain->Convert(&b.x, &b.y, &b.z);
+  EXPECT_EQ(a.x, b.x);
+  EXPECT_EQ(a.y, b.y);
+  EXPECT_EQ(Parameter(c, L"CameraScaleY"), -3.0);
+}
+
+TEST(LinearCalibrationParameters, UnitsChangeOnlyTheScales) {
+  SmartPtr<ICameraLinearCalibration> c = NewLinear();
+  SetAll(c);
+  SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(c);
+  info->put_CALIBUnits(3);  // from 0: no entry of the table, the scales stay
+  EXPECT_EQ(Parameter(c, L"ScaleX"), 0.125);
+  info->put_CALIBUnits(2);  // metre to millimetre: times 1000
+  EXPECT_EQ(Parameter(c, L"ScaleX"), 125.0);
+  EXPECT_EQ(Parameter(c, L"ScaleY"), -62.5);
+  EXPECT_EQ(Parameter(c, L"ScaleZ"), 2000.0);
+  EXPECT_EQ(Parameter(c, L"TranslateX"), 100.0);  // translations keep their numbers
+  int units = 0;
+  info->get_CALIBUnits(&units);
+  EXPECT_EQ(units, 2);
+  // The chains follow the new scale: (321.5, 240.25) is one unit from the camera origin.
+  c->SetCameraRoll(0), c->SetRoll(0), c->SetPitch(0), c->SetYaw(0);
+  P p{321.5, 240.25, 0};
+  c->Convert(&p.x, &p.y, &p.z);
+  EXPECT_DOUBLE_EQ(p.x, 125.0 + 100.0);
+}
+
+TEST(LinearCalibrationParameters, PagesDependOnTheLevel) {
+  SmartPtr<IUIPropertyPageSpecify> pages = QueryAs<IUIPropertyPageSpecify>(NewLinear());
+  for (int level : {1, 2}) {
+    SmartPtr<INamedCollection> list;
+    ASSERT_EQ(pages->GetPages(level, list.Out(), nullptr), S_OK);
+    EXPECT_EQ(Count(list), level == 1 ? 2 : 3);
+    SmartPtr<IString> title;
+    list->get_ItemName(0, title.Out());
+    EXPECT_EQ(Text(title), L"Calibration");
+  }
 }
 
 }  // namespace

@@ -1,0 +1,72 @@
+// The checks every class of the module shares (property_suite_test.cpp) read what is
+// particular to a class from its ClassTraits. A class joins with one line in its own test
+// file, after its traits:  ZELTRIM_PROPERTY_CLASS(kMyClassTraits);
+// Fields left at their defaults mean "the class has no such thing" (no file forms, no fit
+// to feed bad input, ...). Where a contract gives an odd result (a load that reports
+// E_FAIL after restoring everything, a form that drops a field), the traits say so.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/module/ModuleTestSupport.h"
+
+namespace property {
+
+// An interface the class answers; `sameAs` names another whose pointer it shares.
+struct Route {
+  const IID* iid;
+  const IID* sameAs = nullptr;
+};
+
+// A stream form, tried through IFileArchive with a real file (the first letter of
+// `extension` picks the form) and through IDataPersist on a host stream of the same kind.
+struct Form {
+  bool xml;                  // XML text, else a folder stream
+  const char* extension;
+  HRESULT save = S_OK;       // IDataPersist::Save and Load on that stream
+  HRESULT load = S_OK;
+  double tolerance = 0;      // numbers after the round trip (text forms keep a few decimals)
+  // Snapshot keys (prefixes) that the form does not carry: after a load they keep the
+  // values of a new object. "info." is the info block, "errors." the fit errors.
+  std::vector<std::string> lost = {};
+};
+
+// Bad input to the class's fit and the result its contract gives (null: no collection).
+struct FitCase {
+  const char* label;
+  const std::vector<P>* source;
+  const std::vector<P>* target;
+  HRESULT expected;
+};
+
+struct ClassTraits {
+  const wchar_t* name;
+  std::vector<Route> routes;  // every interface answered after IUnknown, in the class's order
+  // Puts a new object in a state unlike its defaults (hand-set numbers, a fit).
+  std::function<void(IUnknown*)> prepare = [](IUnknown*) {};
+  std::vector<Form> forms = {};
+  const wchar_t* filter = nullptr;  // text of IFileArchive::get_Filter; null: E_FAIL
+  // IDataPersist on a null stream and on a plain data stream: Save, then Load.
+  HRESULT nullStream[2] = {E_FAIL, E_FAIL};
+  HRESULT otherStream[2] = {E_FAIL, E_FAIL};
+  bool setParametersIgnored = false;              // SetParameters does nothing by contract
+  std::vector<std::wstring> parametersNotReadBack = {};  // written by GetParameters, not read by SetParameters
+  double revertTolerance = 0;  // Revert(Convert(p)) comes back to p within this
+  std::function<HRESULT(IUnknown*, ISimpleCollection*, ISimpleCollection*)> fit = nullptr;
+  std::vector<FitCase> badFits = {};
+};
+
+inline std::vector<const ClassTraits*>& Registry() {
+  static std::vector<const ClassTraits*> classes;
+  return classes;
+}
+
+struct Registration {
+  explicit Registration(const ClassTraits& traits) { Registry().push_back(&traits); }
+};
+
+}  // namespace property
+
+#define ZELTRIM_PROPERTY_CLASS(traits) static const property::Registration traits##Joins(traits)
