@@ -6,6 +6,7 @@
 #include <cstring>
 #include <cwctype>
 
+#include "camera/CameraTextFile.h"
 #include "frame/Components.h"
 #include "frame/StringRefs.h"
 #include "numeric/MatrixSVD.h"
@@ -394,47 +395,8 @@ HRESULT CCamera3DTrinsic::PersistLoad(IDataStream* stream, int) {
   return S_OK;
 }
 
-HRESULT CCamera3DTrinsic::Save() {
-  const CREFString extension = archive_detail::Extension(ViewOf(m_Filename));
-  if (extension.Length() > 0) {
-    HRESULT hr = E_FAIL;
-    const wint_t first = std::towlower(static_cast<wint_t>(extension.Text()[0]));
-    if (first == L'x')
-      hr = SaveXML(nullptr, 0);
-    else if (first == L't')
-      hr = SaveFolderStream();
-    if ((first == L'x' || first == L't') && hr >= 0) {
-      m_Modified = 0;
-      m_Current = 1;
-      return S_OK;
-    }
-  }
-  // Any other extension: the text report, as 16-bit text behind its mark.
-  SmartPtr<IDataStream> stream;
-  stream.Attach(BASEObject::CreateDataStream());
-  if (!stream) return E_FAIL;
-  stream->Open(nullptr, 1000, 1);
-  PersistSave(stream, 0);
-  void* text = nullptr;
-  unsigned long bytes = 0;
-  stream->GetBuffer(&text, &bytes);
-  return FileArchiveSave(ViewOf(m_Filename), static_cast<unsigned char*>(text), bytes, 1, 0) < 0 ? E_FAIL : S_OK;
-}
+// By extension: 'x' XML, 't' folder stream, anything else the text report (which does
+// not read back; its reading stream is sized at four bytes a character).
+HRESULT CCamera3DTrinsic::Save() { return CameraArchiveSave<CCamera3DTrinsic>(this, this); }
 
-HRESULT CCamera3DTrinsic::Load() {
-  if (IFileArchiveImpl<CCamera3DTrinsic, IFileArchive>::Load() >= 0) return S_OK;
-  void* text = nullptr;
-  unsigned long count = 0;
-  if (FileArchiveLoad(ViewOf(m_Filename), &text, &count, 1, 0) < 0) return E_FAIL;
-  SmartPtr<IDataStream> stream;
-  stream.Attach(BASEObject::CreateDataStream());
-  HRESULT hr = E_FAIL;
-  if (stream) {
-    // Four bytes a character.
-    stream->Open(text, count * 4, 0);
-    hr = PersistLoad(stream, 0);
-  }
-  stream.Clear();
-  FileArchiveFree(text, 1);
-  return hr;
-}
+HRESULT CCamera3DTrinsic::Load() { return CameraArchiveLoad<CCamera3DTrinsic>(this, this, 4); }

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/module/ModuleFixture.h"
+#include "tests/module/PropertySuite.h"
 
 #ifdef ZELTRIM_HAVE_OPENCV
 #include <opencv2/calib3d.hpp>
@@ -58,7 +58,7 @@ std::array<double, 9> Rotation(double rx, double ry, double rz) {
 }
 
 // A 9 x 6 grid of unit pitch and five views of it.
-std::vector<P3> Grid(int columns = 9, int rows = 6) {
+std::vector<P3> Board(int columns = 9, int rows = 6) {
   std::vector<P3> model;
   for (int y = 0; y < rows; ++y)
     for (int x = 0; x < columns; ++x) model.push_back({double(x), double(y), 0.0});
@@ -85,7 +85,7 @@ P3 Project(const Truth& t, int view, const P3& w) {
   return {t.fx * x + t.skew * y + t.cx, t.fy * y + t.cy, 0.0};
 }
 
-SmartPtr<IPointsCollection> Points(const std::vector<P3>& points) {
+SmartPtr<IPointsCollection> Cloud(const std::vector<P3>& points) {
   SmartPtr<IPointsCollection> c = LoadedModule::Get().CreateHost<IPointsCollection>(L"PointsCollection");
   for (const P3& p : points) c->AddPoint(p[0], p[1], p[2]);
   return c;
@@ -119,30 +119,6 @@ std::vector<double> Matrix(ICamera3DTrinsic* camera, int id) {
   int rows = 0, cols = 0;
   camera->GetMatrix(id, &data, &rows, &cols);
   return std::vector<double>(data, data + rows * cols);
-}
-
-SmartPtr<IString> Str(const wchar_t* text) {
-  SmartPtr<ICreatableString> s = LoadedModule::Get().CreateHost<ICreatableString>(L"CreatableString");
-  s->SetString(static_cast<int>(std::wcslen(text)), text);
-  return SmartPtr<IString>(s.get());
-}
-
-std::wstring Text(IString* s) {
-  const wchar_t* p = nullptr;
-  int n = 0;
-  if (!s || s->GetString(&p, &n) < 0 || !p) return L"";
-  return std::wstring(p, n);
-}
-
-double Parameter(IUnknown* object, const wchar_t* name) {
-  SmartPtr<INamedCollection> params;
-  QueryAs<IParametricObject>(object)->GetParameters(params.Out(), 0);
-  int index = -1;
-  if (params->get_Index(Str(name), &index) < 0) return NAN;
-  SmartPtr<IUnknown> item;
-  params->get_Item(index, item.Out());
-  SmartPtr<IVariant> v = QueryAs<IVariant>(item);
-  return v ? v->get_Double() : NAN;
 }
 
 // Image of a model point by the camera's own P (read through GetMatrix(0)).
@@ -204,9 +180,9 @@ void ExpectPose(ICamera3DTrinsic* camera, const Truth& t, int view, double relat
 
 TEST(Camera3DTrinsic, ExactViewsGiveIntrinsicsAndLastPoseBackInFlatMode) {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
+  const std::vector<P3> model = Board();
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  ASSERT_EQ(Fit(camera, Points(AllViews(t, model)), Points(model), 1), S_OK);
+  ASSERT_EQ(Fit(camera, Cloud(AllViews(t, model)), Cloud(model), 1), S_OK);
   ExpectIntrinsics(camera, t, kExactRelative);
   ExpectPose(camera, t, 4, kExactRelative);
   const Errors e = ErrorsOf(camera);
@@ -227,15 +203,15 @@ TEST(Camera3DTrinsic, ExactViewsGiveIntrinsicsAndLastPoseBackInFlatMode) {
 
 TEST(Camera3DTrinsic, ExactViewsGiveTheSameCameraInCollectionMode) {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
+  const std::vector<P3> model = Board();
   SmartPtr<ICreatableSimpleCollection> views = LoadedModule::Get().CreateHost<ICreatableSimpleCollection>(L"SimpleCollection");
   for (size_t k = 0; k < t.rotations.size(); ++k) {
     std::vector<P3> view;
     for (const P3& w : model) view.push_back(Project(t, static_cast<int>(k), w));
-    views->Add(Points(view));
+    views->Add(Cloud(view));
   }
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  ASSERT_EQ(Fit(camera, views, Points(model), 0), S_OK);
+  ASSERT_EQ(Fit(camera, views, Cloud(model), 0), S_OK);
   ExpectIntrinsics(camera, t, kExactRelative);
   ExpectPose(camera, t, 4, kExactRelative);
   EXPECT_LT(ErrorsOf(camera).error, kExactPixels);
@@ -243,14 +219,14 @@ TEST(Camera3DTrinsic, ExactViewsGiveTheSameCameraInCollectionMode) {
 
 TEST(Camera3DTrinsic, SeededNoiseGivesErrorsOfTheNoisesSize) {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
+  const std::vector<P3> model = Board();
   std::vector<P3> image = AllViews(t, model);
   const double sigma = 0.25;
   std::mt19937 random(20240611);
   std::normal_distribution<double> noise(0.0, sigma);
   for (P3& p : image) p[0] += noise(random), p[1] += noise(random);
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  ASSERT_EQ(Fit(camera, Points(image), Points(model), 1), S_OK);
+  ASSERT_EQ(Fit(camera, Cloud(image), Cloud(model), 1), S_OK);
   // A 2D distance of two independent N(0, sigma) parts has an RMS of sigma sqrt(2); the
   // per-view pose and shared intrinsics soak up part of it, errors of the closed form
   // (no joint refinement) add some.
@@ -269,13 +245,13 @@ TEST(Camera3DTrinsic, SeededNoiseGivesErrorsOfTheNoisesSize) {
 std::vector<double> PoseOfOneView(ICamera3DTrinsic* camera, const std::vector<P3>& image, size_t view, size_t n,
                                   const std::vector<P3>& model) {
   const std::vector<P3> only(image.begin() + static_cast<long>(view * n), image.begin() + static_cast<long>((view + 1) * n));
-  EXPECT_EQ(Fit(camera, Points(only), Points(model), 2), S_OK);
+  EXPECT_EQ(Fit(camera, Cloud(only), Cloud(model), 2), S_OK);
   return Matrix(camera, 0);
 }
 
 TEST(Camera3DTrinsic, MaxErrorIsTheLastViewsOddlyAndSdErrorCoversAllPointsWithNMinusOne) {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
+  const std::vector<P3> model = Board();
   std::vector<P3> image = AllViews(t, model);
   std::mt19937 random(7);
   std::normal_distribution<double> noise(0.0, 0.2);
@@ -283,7 +259,7 @@ TEST(Camera3DTrinsic, MaxErrorIsTheLastViewsOddlyAndSdErrorCoversAllPointsWithNM
   image[10][0] += 6.0;  // the worst point of all, in view 0
   LineLog log;
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  ASSERT_EQ(Fit(camera, Points(image), Points(model), 1), S_OK);
+  ASSERT_EQ(Fit(camera, Cloud(image), Cloud(model), 1), S_OK);
   const Errors fitted = ErrorsOf(camera);
   const std::vector<double> a = Matrix(camera, 1);
 
@@ -326,7 +302,7 @@ TEST(Camera3DTrinsic, MaxErrorIsTheLastViewsOddlyAndSdErrorCoversAllPointsWithNM
 
 TEST(Camera3DTrinsic, DistortionIsEstimatedPerLastViewButConvertNeverAppliesIt) {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
+  const std::vector<P3> model = Board();
   std::vector<P3> image = AllViews(t, model);
   const double k1 = -0.08, k2 = 0.02;
   for (P3& p : image) {
@@ -336,7 +312,7 @@ TEST(Camera3DTrinsic, DistortionIsEstimatedPerLastViewButConvertNeverAppliesIt) 
     p[0] += du * f, p[1] += dv * f;
   }
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  ASSERT_EQ(Fit(camera, Points(image), Points(model), 1), S_OK);
+  ASSERT_EQ(Fit(camera, Cloud(image), Cloud(model), 1), S_OK);
   const std::vector<double> p = Matrix(camera, 0);
   const double cx = Parameter(camera, L"CenterX"), cy = Parameter(camera, L"CenterY");
   // The least-squares coefficients of the last view, by 2 x 2 normal equations here.
@@ -369,15 +345,15 @@ TEST(Camera3DTrinsic, DistortionIsEstimatedPerLastViewButConvertNeverAppliesIt) 
 
 TEST(Camera3DTrinsic, ModeThreeChangesOnlyDistortionErrorsAndSums) {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
+  const std::vector<P3> model = Board();
   std::vector<P3> image = AllViews(t, model);
   image[3][0] += 0.5;
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  ASSERT_EQ(Fit(camera, Points(image), Points(model), 1), S_OK);
+  ASSERT_EQ(Fit(camera, Cloud(image), Cloud(model), 1), S_OK);
   const std::vector<double> before[3] = {Matrix(camera, 0), Matrix(camera, 1), Matrix(camera, 2)};
   const double fx = Parameter(camera, L"fSx");
   LineLog log;
-  EXPECT_EQ(Fit(camera, Points(image), Points(model), 3), S_OK);
+  EXPECT_EQ(Fit(camera, Cloud(image), Cloud(model), 3), S_OK);
   EXPECT_EQ(Matrix(camera, 0), before[0]);
   EXPECT_EQ(Matrix(camera, 1), before[1]);
   EXPECT_EQ(Matrix(camera, 2), before[2]);
@@ -393,17 +369,17 @@ TEST(Camera3DTrinsic, ModeThreeChangesOnlyDistortionErrorsAndSums) {
 
 TEST(Camera3DTrinsic, TwoAndAHalfViewsOfPointsGiveTwoViews) {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
+  const std::vector<P3> model = Board();
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  ASSERT_EQ(Fit(camera, Points(AllViews(t, model)), Points(model), 1), S_OK);
+  ASSERT_EQ(Fit(camera, Cloud(AllViews(t, model)), Cloud(model), 1), S_OK);
   // Views 2, 3 and half of 4: the pose is that of view 3, the half view is ignored.
   const std::vector<P3> all = AllViews(t, model);
   const size_t n = model.size();
   std::vector<P3> partial(all.begin() + 2 * n, all.begin() + 4 * n + n / 2);
-  EXPECT_EQ(Fit(camera, Points(partial), Points(model), 2), S_OK);
+  EXPECT_EQ(Fit(camera, Cloud(partial), Cloud(model), 2), S_OK);
   ExpectPose(camera, t, 3, kExactRelative);
   LineLog log;
-  EXPECT_EQ(Fit(camera, Points(partial), Points(model), 1), S_OK);
+  EXPECT_EQ(Fit(camera, Cloud(partial), Cloud(model), 1), S_OK);
   ASSERT_EQ(log.lines.size(), 3u);
   EXPECT_EQ(log.lines[1].substr(0, 11), L"FitError 1 ");
 }
@@ -412,8 +388,8 @@ TEST(Camera3DTrinsic, TwoAndAHalfViewsOfPointsGiveTwoViews) {
 
 TEST(Camera3DTrinsic, RefusedInputsLeaveTheObjectOrMarkTheErrorsUnknown) {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
-  SmartPtr<IPointsCollection> image = Points(AllViews(t, model)), grid = Points(model);
+  const std::vector<P3> model = Board();
+  SmartPtr<IPointsCollection> image = Cloud(AllViews(t, model)), grid = Cloud(model);
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
   ASSERT_EQ(Fit(camera, image, grid, 1), S_OK);
   const Errors good = ErrorsOf(camera);
@@ -421,14 +397,14 @@ TEST(Camera3DTrinsic, RefusedInputsLeaveTheObjectOrMarkTheErrorsUnknown) {
   // Refused before anything changes.
   EXPECT_EQ(Fit(camera, nullptr, grid, 1), E_INVALIDARG);
   EXPECT_EQ(Fit(camera, image, nullptr, 1), E_INVALIDARG);
-  EXPECT_EQ(Fit(camera, image, Points({}), 1), E_INVALIDARG);
-  EXPECT_EQ(Fit(camera, image, Points({{1, 2, 0}}), 1), E_INVALIDARG);                  // one point
-  EXPECT_EQ(Fit(camera, image, Points({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}}), 1), E_INVALIDARG);  // along X
+  EXPECT_EQ(Fit(camera, image, Cloud({}), 1), E_INVALIDARG);
+  EXPECT_EQ(Fit(camera, image, Cloud({{1, 2, 0}}), 1), E_INVALIDARG);                  // one point
+  EXPECT_EQ(Fit(camera, image, Cloud({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}}), 1), E_INVALIDARG);  // along X
   EXPECT_EQ(Fit(camera, image, grid, -1), E_INVALIDARG);
   EXPECT_EQ(ErrorsOf(camera).error, good.error);
 
   // Refused after the errors are marked unknown.
-  EXPECT_EQ(Fit(camera, Points({}), grid, 1), E_FAIL);
+  EXPECT_EQ(Fit(camera, Cloud({}), grid, 1), E_FAIL);
   EXPECT_EQ(ErrorsOf(camera).error, -1.0);
   EXPECT_EQ(Parameter(camera, L"DistortionK1(NotUsed)"), 0.0);
   SmartPtr<ICreatableSimpleCollection> two = LoadedModule::Get().CreateHost<ICreatableSimpleCollection>(L"SimpleCollection");
@@ -441,7 +417,7 @@ TEST(Camera3DTrinsic, RefusedInputsLeaveTheObjectOrMarkTheErrorsUnknown) {
   EXPECT_EQ(Fit(camera, two, grid, 0), E_INVALIDARG);  // a view that is no collection
   const std::vector<P3> all = AllViews(t, model);
   const std::vector<P3> fewer(all.begin(), all.begin() + 20);
-  EXPECT_EQ(Fit(camera, Points(fewer), grid, 1), E_INVALIDARG);  // fewer image than model points
+  EXPECT_EQ(Fit(camera, Cloud(fewer), grid, 1), E_INVALIDARG);  // fewer image than model points
   EXPECT_EQ(ErrorsOf(camera).error2, -1.0);
 }
 
@@ -450,13 +426,13 @@ TEST(Camera3DTrinsic, DegenerateTargetsAndViewsFailInTheSolver) {
   // A diagonal line has extent in X and Y, and no homography.
   std::vector<P3> line, lineImage;
   for (int i = 0; i < 12; ++i) line.push_back({double(i), 0.5 * i, 0}), lineImage.push_back({100.0 + 7 * i, 90.0 + 3 * i, 0});
-  EXPECT_EQ(Fit(camera, Points(lineImage), Points(line), 1), E_FAIL);
+  EXPECT_EQ(Fit(camera, Cloud(lineImage), Cloud(line), 1), E_FAIL);
   // Three points are fewer than a homography needs.
-  EXPECT_EQ(Fit(camera, Points({{1, 1, 0}, {5, 2, 0}, {3, 4, 0}}), Points({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}), 1), E_FAIL);
+  EXPECT_EQ(Fit(camera, Cloud({{1, 1, 0}, {5, 2, 0}, {3, 4, 0}}), Cloud({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}), 1), E_FAIL);
   // A view whose points all sit on the image centre, where the normalised coordinates
   // are zero and two unknowns drop out.
-  const std::vector<P3> model = Grid();
-  EXPECT_EQ(Fit(camera, Points(std::vector<P3>(model.size(), {320, 240, 0})), Points(model), 1), E_FAIL);
+  const std::vector<P3> model = Board();
+  EXPECT_EQ(Fit(camera, Cloud(std::vector<P3>(model.size(), {320, 240, 0})), Cloud(model), 1), E_FAIL);
   EXPECT_EQ(ErrorsOf(camera).error, -1.0);
 }
 
@@ -533,9 +509,9 @@ TEST(Camera3DTrinsic, MatrixIdsGiveLivePointersAndRebuildAsTheirRulesSay) {
 
 TEST(Camera3DTrinsic, NormalisedInverseIsComputedOnceAndTheConicIsItsGram) {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
+  const std::vector<P3> model = Board();
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  ASSERT_EQ(Fit(camera, Points(AllViews(t, model)), Points(model), 1), S_OK);
+  ASSERT_EQ(Fit(camera, Cloud(AllViews(t, model)), Cloud(model), 1), S_OK);
   double* kinv = nullptr;
   camera->GetMatrix(5, &kinv, nullptr, nullptr);
   // K = U^-1 A from the truth: U = rows (W/2, 0, W/2), (0, H/2, H/2), (0, 0, 1).
@@ -595,20 +571,8 @@ TEST(Camera3DTrinsic, ParametersAreTenReadOnlyRowsWithABlankSeparator) {
   EXPECT_EQ(w * 10000 + h, 10240768);
 }
 
-TEST(Camera3DTrinsic, AnswersItsInterfacesButNeitherCalibrationNorInfo) {
+TEST(Camera3DTrinsic, PagesComeInTheirOwnOrderWithBareNames) {
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  for (const IID* iid : {&IID_IObjectInfo, &IID_IDataPersist, &IID_IFileArchive, &IID_ICamera3DTransform,
-                         &IID_ITransform, &IID_ITransformFitErrors, &IID_ITransformBestFit, &IID_IParametricObject,
-                         &IID_IUIPropertyPageSpecify}) {
-    void* p = nullptr;
-    EXPECT_EQ(camera->QueryInterface(*iid, &p), S_OK);
-    if (p) static_cast<IUnknown*>(p)->Release();
-  }
-  for (const IID* iid : {&IID_ICalibration, &IID_ICalibrationInfo, &IID_IHomogeneousTransform}) {
-    void* p = reinterpret_cast<void*>(1);
-    EXPECT_EQ(camera->QueryInterface(*iid, &p), E_NOINTERFACE);
-    EXPECT_EQ(p, nullptr);
-  }
   SmartPtr<INamedCollection> pages;
   ASSERT_EQ(QueryAs<IUIPropertyPageSpecify>(camera)->GetPages(0, pages.Out(), nullptr), S_OK);
   SmartPtr<IParameters> list = QueryAs<IParameters>(pages);
@@ -631,12 +595,12 @@ TEST(Camera3DTrinsic, AnswersItsInterfacesButNeitherCalibrationNorInfo) {
 
 SmartPtr<ICamera3DTrinsic> FittedCamera() {
   const Truth t = FiveViews();
-  const std::vector<P3> model = Grid();
+  const std::vector<P3> model = Board();
   std::vector<P3> image = AllViews(t, model);
   for (size_t i = 0; i < image.size(); ++i) image[i][0] += (i % 7) * 0.05;  // errors and distortion not zero
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
   camera->SetNormalizationImageSize(kWidth, kHeight);
-  EXPECT_EQ(Fit(camera, Points(image), Points(model), 1), S_OK);
+  EXPECT_EQ(Fit(camera, Cloud(image), Cloud(model), 1), S_OK);
   return camera;
 }
 
@@ -717,8 +681,6 @@ TEST(Camera3DTrinsicFiles, XmlScalarsAreOverwrittenFromTheIntrinsicMatrix) {
   EXPECT_EQ(QueryAs<IDataPersist>(camera)->Load(nullptr, 0), E_FAIL);
 }
 
-std::string TempPath(const std::string& name) { return "/tmp/zeltrim_trinsic_" + std::to_string(getpid()) + "_" + name; }
-
 TEST(Camera3DTrinsicFiles, TextReportIsByteForByteWithItsOddHeadingsAndNoDistortionLine) {
   // A small camera set through the live pointers.
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
@@ -770,23 +732,6 @@ TEST(Camera3DTrinsicFiles, TextReportIsByteForByteWithItsOddHeadingsAndNoDistort
   EXPECT_EQ(archive->Save(), E_FAIL);
 }
 
-TEST(Camera3DTrinsicFiles, FilesByExtensionRoundTrip) {
-  SmartPtr<ICamera3DTrinsic> camera = FittedCamera();
-  for (const char* name : {"camera.tCAL", "camera.xml"}) {
-    const std::string path = TempPath(name);
-    std::wstring wide(path.begin(), path.end());
-    SmartPtr<IFileArchive> archive = QueryAs<IFileArchive>(camera);
-    archive->put_Filename(Str(wide.c_str()));
-    ASSERT_EQ(archive->Save(), S_OK) << name;
-    SmartPtr<ICamera3DTrinsic> back = NewCamera();
-    QueryAs<IFileArchive>(back)->put_Filename(Str(wide.c_str()));
-    ASSERT_EQ(QueryAs<IFileArchive>(back)->Load(), S_OK) << name;
-    const std::vector<double> p = Matrix(camera, 0), q = Matrix(back, 0);
-    for (int i = 0; i < 12; ++i) EXPECT_NEAR(q[i], p[i], kRebuiltFromText) << name;
-    std::remove(path.c_str());
-  }
-}
-
 // ------------------------------------------------------------------ real chessboard sets
 
 std::vector<P3> ReadPointFile(const std::string& path) {
@@ -832,7 +777,7 @@ TEST(Camera3DTrinsicRealData, EverySetCalibratesWithPlausibleIntrinsics) {
     ++found;
     SmartPtr<ICamera3DTrinsic> camera = NewCamera();
     camera->SetNormalizationImageSize(s.width, s.height);
-    ASSERT_EQ(Fit(camera, Points(set.image), Points(set.model), 1), S_OK) << s.name;
+    ASSERT_EQ(Fit(camera, Cloud(set.image), Cloud(set.model), 1), S_OK) << s.name;
     const double fx = Parameter(camera, L"fSx"), fy = Parameter(camera, L"fSy");
     EXPECT_GT(fx, 0.3 * s.width) << s.name;
     EXPECT_LT(fx, 5.0 * s.width) << s.name;
@@ -852,7 +797,7 @@ TEST(Camera3DTrinsicRealData, BundledSampleAgreesWithAnIndependentCalibration) {
   const DataSet set = ReadSet(ZELTRIM_SOURCE_DIR "/data/opencv-left-w7");
   if (set.views == 0) GTEST_SKIP() << "no bundled sample";
   SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  ASSERT_EQ(Fit(camera, Points(set.image), Points(set.model), 1), S_OK);
+  ASSERT_EQ(Fit(camera, Cloud(set.image), Cloud(set.model), 1), S_OK);
 #ifdef ZELTRIM_HAVE_OPENCV
   // OpenCV's calibration with the pinhole model alone (no distortion terms). It refines
   // all views jointly, which the closed form here does not, so the two agree to the
@@ -883,5 +828,44 @@ TEST(Camera3DTrinsicRealData, BundledSampleAgreesWithAnIndependentCalibration) {
   GTEST_SKIP() << "OpenCV not found: no independent calibration to compare with";
 #endif
 }
+
+// ------------------------------------------------------------------ the shared checks
+
+void PrepareForSuite(IUnknown* object) {
+  SmartPtr<ICamera3DTrinsic> camera = QueryAs<ICamera3DTrinsic>(object);
+  const Truth t = FiveViews();
+  const std::vector<P3> model = Board();
+  std::vector<P3> image = AllViews(t, model);
+  for (size_t i = 0; i < image.size(); ++i) image[i][1] += (i % 5) * 0.04;
+  Fit(camera, Cloud(image), Cloud(model), 1);
+}
+
+const std::vector<P> kNoPoints, kOnePoint = {{1, 2, 0}}, kAlongX = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}};
+
+const property::ClassTraits kTrinsicTraits{
+    .name = L"Camera3DTrinsic",
+    // ICalibration and ICalibrationInfo are bases, and still not answered.
+    .routes = {{&IID_IObjectInfo}, {&IID_IDataPersist}, {&IID_IFileArchive}, {&IID_ICamera3DTrinsic},
+               {&IID_ICamera3DTransform, &IID_ICamera3DTrinsic}, {&IID_ITransform, &IID_ICamera3DTrinsic},
+               {&IID_ITransformFitErrors}, {&IID_ITransformBestFit}, {&IID_IParametricObject},
+               {&IID_IUIPropertyPageSpecify}},
+    .prepare = PrepareForSuite,
+    // No forms here yet: the suite takes an extension that names no form to be refused,
+    // and for a camera any such extension writes the text report. The XML and folder
+    // round trips are checked in Camera3DTrinsicFiles above until the suite can say so.
+    .filter = L"Calibration (*.csv)|*.csv|All Files (*.*)|*.*||",
+    // Any stream that is neither folder nor XML gets the write-only text report.
+    .nullStream = {S_OK, E_FAIL},
+    .otherStream = {S_OK, E_FAIL},
+    .setParametersIgnored = true,
+    .fit = [](IUnknown* o, ISimpleCollection* image, ISimpleCollection* model) {
+      return QueryAs<ITransformBestFit>(o)->BestFit(image, model, 1);
+    },
+    .badFits = {{"null collections are refused", nullptr, nullptr, E_INVALIDARG},
+                {"an empty model is refused", &kOnePoint, &kNoPoints, E_INVALIDARG},
+                {"a model of one point has no extent", &kOnePoint, &kOnePoint, E_INVALIDARG},
+                {"a model along X has no extent in Y", &kAlongX, &kAlongX, E_INVALIDARG}},
+};
+ZELTRIM_PROPERTY_CLASS(kTrinsicTraits);
 
 }  // namespace
