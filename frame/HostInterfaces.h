@@ -47,7 +47,10 @@ ZELTRIM_INTERFACE(IComponentCollection, IUnknown)
                            const wchar_t* module) = 0;
   virtual HRESULT Unregister(int objectLength, const wchar_t* object) = 0;
   virtual HRESULT get_ModuleOf(int objectLength, const wchar_t* object, IString** module) = 0;
-  virtual HRESULT Reserved_ICC3() = 0;
+  // Offers a live object under a name (a null object withdraws it): CreateComponent with
+  // an identifier then answers the object's QueryInterface, so every caller shares the
+  // one instance. How a host supplies optional services such as "EventLogGlobal".
+  virtual HRESULT RegisterInstance(int objectLength, const wchar_t* object, IUnknown* instance) = 0;
   virtual HRESULT Reserved_ICC4() = 0;
   virtual HRESULT Reserved_ICC5() = 0;
   virtual HRESULT Reserved_ICC6() = 0;

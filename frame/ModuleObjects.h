@@ -23,7 +23,7 @@
   NOT_BUILT(Camera3DCalibration)                          \
   NOT_BUILT(Camera3DCalibrationPlane)                     \
   NOT_BUILT(Camera3DTransform)                            \
-  NOT_BUILT(Camera3DTrinsic)                              \
+  BUILT(Camera3DTrinsic, CCamera3DTrinsic)                \
   BUILT(CameraLinearCalibration, CCameraLinearCalibration) \
   NOT_BUILT(SingleViewGeometry)                           \
   NOT_BUILT(MultiViewGeometry)                            \

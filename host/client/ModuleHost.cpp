@@ -37,6 +37,7 @@ bool ModuleHost::Load(const std::string& installDir) {
     return false;
   }
   m_Components.Attach(static_cast<IComponentCollection*>(components));
+  m_Components->RegisterInstance(14, L"EventLogGlobal", &m_Log);
 
   ModuleEntryPoints module;
   if (!ModuleOpen("./_binlinux/Zeltrim.so", &module, &m_Error)) {
@@ -50,6 +51,10 @@ bool ModuleHost::Load(const std::string& installDir) {
   }
   module.initialize(nullptr, m_Components.get());
   return true;
+}
+
+ModuleHost::~ModuleHost() {
+  if (m_Components) m_Components->RegisterInstance(14, L"EventLogGlobal", nullptr);
 }
 
 bool ModuleHost::Provides(const wchar_t* name) {

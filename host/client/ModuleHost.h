@@ -7,6 +7,7 @@
 #include <string>
 
 #include "frame/Object.h"
+#include "host/client/EventLog.h"
 
 // A host object through a global component collection; null when the host lacks it.
 template <class I>
@@ -21,6 +22,11 @@ SmartPtr<I> HostObject(IComponentCollection* components, const wchar_t* name) {
 
 class ModuleHost {
  public:
+  ModuleHost() = default;
+  ModuleHost(const ModuleHost&) = delete;
+  ModuleHost& operator=(const ModuleHost&) = delete;
+  // Withdraws the event log from the collection before it goes.
+  ~ModuleHost();
   // Changes to `installDir` (the folder holding _binlinux/) and loads the module.
   // On failure, Error() says why.
   bool Load(const std::string& installDir);
@@ -39,6 +45,8 @@ class ModuleHost {
   bool Provides(const wchar_t* name);
 
   IComponentCollection* Components() const { return m_Components.get(); }
+  // The "EventLogGlobal" registered with the collection by Load.
+  EventLog& Log() { return m_Log; }
 
   // A host object through the global collection; null when the host lacks it.
   template <class I>
@@ -56,6 +64,7 @@ class ModuleHost {
   typedef HRESULT (*InitFn)(void*, IComponentCollection*);
   typedef HRESULT (*CreatorFn)(void*, IID*, void**);
   CreateFn m_CreateFunction = nullptr;
+  EventLog m_Log;
   SmartPtr<IComponentCollection> m_Components;
   std::string m_Error;
 };

@@ -110,11 +110,31 @@ HRESULT CGlobalComponentCollection::get_ModuleOf(int objectLength, const wchar_t
   return S_OK;
 }
 
+HRESULT CGlobalComponentCollection::RegisterInstance(int objectLength, const wchar_t* object, IUnknown* instance) {
+  if (!object || objectLength <= 0) return E_INVALIDARG;
+  const std::wstring name(object, static_cast<size_t>(objectLength));
+  for (size_t i = 0; i < m_Instances.size(); ++i) {
+    if (m_Instances[i].object != name) continue;
+    if (instance)
+      m_Instances[i].instance = instance;
+    else
+      m_Instances.erase(m_Instances.begin() + static_cast<long>(i));
+    return S_OK;
+  }
+  if (!instance) return S_FALSE;
+  m_Instances.push_back({name, SmartPtr<IUnknown>(instance)});
+  return S_OK;
+}
+
 HRESULT CGlobalComponentCollection::CreateComponent(int length, const wchar_t* name, const IID* iid, void** out) {
   if (!out) return E_POINTER;
   *out = nullptr;
   if (!name || length <= 0) return E_INVALIDARG;
-  const int found = Find(std::wstring(name, static_cast<size_t>(length)));
+  const std::wstring wanted(name, static_cast<size_t>(length));
+  if (iid)
+    for (const RegisteredInstance& registered : m_Instances)
+      if (registered.object == wanted) return registered.instance->QueryInterface(*iid, out);
+  const int found = Find(wanted);
   if (found < 0) return E_FAIL;
   if (!iid) return get_Item(found, reinterpret_cast<IUnknown**>(out));
   CREATORFUNCTION creator = HostModuleCreator(m_Entries[found].module, m_Entries[found].object);

@@ -23,7 +23,9 @@ class CGlobalComponentCollection : public CObject<CGlobalComponentCollection>,
   HRESULT Register(int objectLength, const wchar_t* object, int moduleLength, const wchar_t* module) override;
   HRESULT Unregister(int objectLength, const wchar_t* object) override;
   HRESULT get_ModuleOf(int objectLength, const wchar_t* object, IString** module) override;
-  HRESULT Reserved_ICC3() override { return E_NOTIMPL; }
+  // Instances are kept apart from the name table: get_Index and get_Item do not list
+  // them, and CreateComponent finds them first (with an identifier only).
+  HRESULT RegisterInstance(int objectLength, const wchar_t* object, IUnknown* instance) override;
   HRESULT Reserved_ICC4() override { return E_NOTIMPL; }
   HRESULT Reserved_ICC5() override { return E_NOTIMPL; }
   HRESULT Reserved_ICC6() override { return E_NOTIMPL; }
@@ -42,4 +44,9 @@ class CGlobalComponentCollection : public CObject<CGlobalComponentCollection>,
   };
   int Find(const std::wstring& object) const;
   std::vector<Entry> m_Entries;
+  struct RegisteredInstance {
+    std::wstring object;
+    SmartPtr<IUnknown> instance;
+  };
+  std::vector<RegisteredInstance> m_Instances;
 };

@@ -158,6 +158,59 @@ check save-fails-over-file 1 "cannot save" -- "$zeltrim" fit src.txt dst.txt --s
 if [ "$(cat keep.dat)" = old ]; then echo "ok   save-fails-keeps-old"; passed=$((passed + 1));
 else echo "FAIL save-fails-keeps-old"; failed=$((failed + 1)); fi
 
+# calibrate: the bundled sample, then an exact synthetic camera (fx = fy = 800, no skew,
+# centre (320, 240)) looking at a 9 x 6 grid from four poses R = Rz Ry Rx, t.
+check calibrate-sample 0 "Camera3DTrinsic from 13 views of 54 points" -- "$zeltrim" calibrate
+check calibrate-sample-last-only 0 "the LAST view only" -- "$zeltrim" calibrate
+check calibrate-help 0 "--image-size" -- "$zeltrim" calibrate --help
+mkdir -p synth
+awk 'BEGIN { for (y = 0; y < 6; y++) for (x = 0; x < 9; x++) print x, y }' >synth/model.txt
+view=1
+for pose in "0.3 -0.2 0.1 -4 -2.5 18" "-0.25 0.3 -0.1 -3.5 -3 20" "0.1 0.4 0.2 -5 -2 17" "-0.3 -0.15 0.3 -4 -2 21"; do
+  awk -v p="$pose" 'BEGIN { split(p, q, " "); a = q[1]; b = q[2]; c = q[3]
+    ca = cos(a); sa = sin(a); cb = cos(b); sb = sin(b); cc = cos(c); sc = sin(c)
+    r11 = cc*cb; r12 = cc*sb*sa - sc*ca; r13 = cc*sb*ca + sc*sa
+    r21 = sc*cb; r22 = sc*sb*sa + cc*ca; r23 = sc*sb*ca - cc*sa
+    r31 = -sb; r32 = cb*sa; r33 = cb*ca }
+    { X = $1; Y = $2; xc = r11*X + r12*Y + q[4]; yc = r21*X + r22*Y + q[5]; zc = r31*X + r32*Y + q[6]
+      printf "%.17g %.17g\n", 800*xc/zc + 320, 800*yc/zc + 240 }' synth/model.txt >"synth/view0$view.txt"
+  view=$((view + 1))
+done
+check calibrate-exact-fx 0 "fx        800.0000" -- "$zeltrim" calibrate synth
+check calibrate-exact-cy 0 "cy        240.0000" -- "$zeltrim" calibrate synth
+check calibrate-exact-mode0 0 "fy        800.0000" -- "$zeltrim" calibrate synth --mode 0
+check calibrate-exact-error 0 "max error      0.0000" -- "$zeltrim" calibrate synth
+check calibrate-exact-pose 0 "R | t" -- "$zeltrim" calibrate --model synth/model.txt synth/view01.txt synth/view02.txt synth/view03.txt
+check calibrate-json 0 '"fx": 800' -- "$zeltrim" calibrate synth --json
+if command -v python3 >/dev/null; then
+  keys=$("$zeltrim" calibrate synth --json | python3 -c 'import json, sys; d = json.load(sys.stdin); print(sorted(k for k in d if k in ("fx","fy","skew","cx","cy","k1","k2","max_error","sd_error","views","intrinsic","extrinsic","combined")), len(d["views"]), len(d["combined"][0]))' 2>&1)
+  if [ "$keys" = "['combined', 'cx', 'cy', 'extrinsic', 'fx', 'fy', 'intrinsic', 'k1', 'k2', 'max_error', 'sd_error', 'skew', 'views'] 4 4" ]; then
+    echo "ok   calibrate-json-keys"; passed=$((passed + 1))
+  else echo "FAIL calibrate-json-keys: $keys"; failed=$((failed + 1)); fi
+fi
+check calibrate-save-xml 0 "saved" -- "$zeltrim" calibrate synth --save cam.xml
+if iconv -f UTF-16 -t UTF-8 cam.xml 2>/dev/null | grep -q "<Camera3DTrinsic>"; then echo "ok   calibrate-xml-element"; passed=$((passed + 1));
+else echo "FAIL calibrate-xml-element"; failed=$((failed + 1)); fi
+check calibrate-save-folder 0 "saved" -- "$zeltrim" calibrate synth --save cam.tCAL
+check calibrate-save-report 0 "saved" -- "$zeltrim" calibrate synth --save cam.csv
+if iconv -f UTF-16 -t UTF-8 cam.csv 2>/dev/null | tail -c 12 | cmp -s - <(printf 'Distortion\r\n'); then echo "ok   calibrate-report-ends"; passed=$((passed + 1));
+else echo "FAIL calibrate-report-ends"; failed=$((failed + 1)); fi
+check calibrate-unwritable 1 "cannot save" -- "$zeltrim" calibrate synth --save /nonexistent-folder/cam.xml
+check calibrate-bad-size 2 "--image-size needs WIDTHxHEIGHT" -- "$zeltrim" calibrate synth --image-size 640
+check calibrate-zero-size 2 "--image-size needs WIDTHxHEIGHT" -- "$zeltrim" calibrate synth --image-size 0x480
+check calibrate-bad-mode 2 "--mode needs 0 or 1" -- "$zeltrim" calibrate synth --mode 2
+check calibrate-mode0-two-views 2 "needs at least 3 views" -- "$zeltrim" calibrate --mode 0 --model synth/model.txt synth/view01.txt synth/view02.txt
+mkdir -p gap short one
+cp synth/model.txt synth/view01.txt synth/view02.txt gap/ && cp synth/view03.txt gap/view04.txt
+check calibrate-missing-view 2 "view03.txt is missing" -- "$zeltrim" calibrate gap
+cp synth/model.txt synth/view01.txt synth/view02.txt short/ && head -n 53 synth/view03.txt >short/view03.txt
+check calibrate-short-view 2 "holds 53 points, the model 54" -- "$zeltrim" calibrate short
+printf '1 2\n' >one/model.txt && cp synth/view01.txt one/
+check calibrate-one-point-model 2 "needs at least 4" -- "$zeltrim" calibrate one
+check calibrate-no-folder 2 "cannot read the folder" -- "$zeltrim" calibrate nowhere
+mkdir -p empty && cp synth/model.txt empty/
+check calibrate-no-views 2 "no viewNN.txt files" -- "$zeltrim" calibrate empty
+
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.
 bin_dir=$(dirname "$zeltrim")

@@ -75,7 +75,7 @@ class CountingCollection : public IComponentCollection {
   HRESULT Register(int, const wchar_t*, int, const wchar_t*) override { return E_NOTIMPL; }
   HRESULT Unregister(int, const wchar_t*) override { return E_NOTIMPL; }
   HRESULT get_ModuleOf(int, const wchar_t*, IString**) override { return E_NOTIMPL; }
-  HRESULT Reserved_ICC3() override { return E_NOTIMPL; }
+  HRESULT RegisterInstance(int, const wchar_t*, IUnknown*) override { return E_NOTIMPL; }
   HRESULT Reserved_ICC4() override { return E_NOTIMPL; }
   HRESULT Reserved_ICC5() override { return E_NOTIMPL; }
   HRESULT Reserved_ICC6() override { return E_NOTIMPL; }

@@ -103,17 +103,6 @@ bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::st
   return true;
 }
 
-SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points) {
-  SmartPtr<IPointsCollection> collection;
-  void* p = nullptr;
-  const IID& iid = IID_IPointsCollection;
-  if (host.Components()->CreateComponent(16, L"PointsCollection", &iid, &p) >= 0 && p)
-    collection.Attach(static_cast<IPointsCollection*>(p));
-  if (!collection) return SmartPtr<ISimpleCollection>();
-  for (const Point3& pt : points) collection->AddPoint(pt.x, pt.y, pt.z);
-  return SmartPtr<ISimpleCollection>(collection.get());
-}
-
 // Determinant of a 4 x 4 matrix by elimination with partial pivoting.
 double Determinant4(const double* m) {
   double a[16];
@@ -144,6 +133,17 @@ SmartPtr<IUnknown> Item(ISimpleCollection* c, int i) {
 }
 
 }  // namespace
+
+SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points) {
+  SmartPtr<IPointsCollection> collection;
+  void* p = nullptr;
+  const IID& iid = IID_IPointsCollection;
+  if (host.Components()->CreateComponent(16, L"PointsCollection", &iid, &p) >= 0 && p)
+    collection.Attach(static_cast<IPointsCollection*>(p));
+  if (!collection) return SmartPtr<ISimpleCollection>();
+  for (const Point3& pt : points) collection->AddPoint(pt.x, pt.y, pt.z);
+  return SmartPtr<ISimpleCollection>(collection.get());
+}
 
 int RunFit(CommandContext& context) {
   FitSettings s;

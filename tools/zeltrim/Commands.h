@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/client/ModuleHost.h"
+#include "tools/zeltrim/PointText.h"
 
 struct CommandContext {
   ModuleHost* host;
@@ -17,11 +18,16 @@ int RunObjects(CommandContext& context);
 int RunLinear(CommandContext& context);
 int RunFit(CommandContext& context);
 int RunShow(CommandContext& context);
+int RunCalibrate(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
 extern const char* const kFitHelp;
 extern const char* const kShowHelp;
+extern const char* const kCalibrateHelp;
+
+// A host "PointsCollection" holding the points (null when the host has none).
+SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points);
 
 // Prints "zeltrim: <message>" on standard error and returns `status`.
 int Fail(const std::string& message, int status = 2);

@@ -19,6 +19,7 @@ const char* const kUsage =
     "  linear    convert or revert points with a hand-set linear calibration\n"
     "  fit       fit a best-fit calibration between two point files\n"
     "  show      show a calibration file: object, info block, parameters, matrices\n"
+    "  calibrate calibrate a camera from views of a flat target (no data: the bundled sample)\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -32,6 +33,7 @@ const Command kCommands[] = {
     {"linear", &RunLinear, &kLinearHelp},
     {"fit", &RunFit, &kFitHelp},
     {"show", &RunShow, &kShowHelp},
+    {"calibrate", &RunCalibrate, &kCalibrateHelp},
 };
 
 }  // namespace

@@ -1,0 +1,316 @@
+// zeltrim calibrate: a Camera3DTrinsic calibrated from the views of a flat target.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cwchar>
+#include <fstream>
+#include <map>
+
+#include "tools/zeltrim/Commands.h"
+
+const char* const kCalibrateHelp =
+    "usage: zeltrim calibrate [FOLDER | --model FILE VIEW...] [options]\n"
+    "Calibrates a pinhole camera (Camera3DTrinsic) from several views of a flat target and\n"
+    "prints the intrinsics, the distortion estimate, each view's errors, the overall errors\n"
+    "and the pose of the last view. FOLDER holds model.txt (the target's points, \"X Y\" a\n"
+    "line) and view01.txt, view02.txt, ... (the image points in pixels, line i matching line\n"
+    "i of the model). Without FOLDER or --model it runs on the bundled sample.\n"
+    "Options:\n"
+    "  --model FILE VIEW...  the model file and the view files, in order, instead of FOLDER\n"
+    "  --image-size WxH      the size of the images in pixels (default 640x480)\n"
+    "  --mode 0|1            how the views reach the module: 1 one collection, view after\n"
+    "                        view (default); 0 one collection per view (3 views at least)\n"
+    "  --save FILE           save the camera: .xml XML, .t... (e.g. .tCAL) folder stream,\n"
+    "                        any other extension (e.g. .csv) the camera's text report\n"
+    "  --json                print the results as one JSON object\n";
+
+namespace {
+
+struct CalibrateSettings {
+  std::string model, save, source;
+  std::vector<std::string> views;
+  int width = 640, height = 480, mode = 1;
+  bool json = false;
+};
+
+std::string BaseName(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool ParseImageSize(const std::string& text, int* width, int* height) {
+  const size_t x = text.find('x');
+  if (x == std::string::npos) return false;
+  char* end = nullptr;
+  const long w = std::strtol(text.c_str(), &end, 10);
+  if (end != text.c_str() + x) return false;
+  const long h = std::strtol(text.c_str() + x + 1, &end, 10);
+  if (*end != '\0' || end == text.c_str() + x + 1 || w < 1 || h < 1 || w > 1000000 || h > 1000000) return false;
+  *width = static_cast<int>(w);
+  *height = static_cast<int>(h);
+  return true;
+}
+
+// The view files of a folder, view01.txt to viewNN.txt without a gap.
+bool FolderViews(const std::string& folder, std::vector<std::string>* views, std::string* error) {
+  DIR* dir = opendir(folder.c_str());
+  if (!dir) return *error = "cannot read the folder " + folder, false;
+  std::map<int, std::string> found;
+  while (dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    int number = 0;
+    char tail[8] = "";
+    if (name.size() > 8 && name.compare(0, 4, "view") == 0 &&
+        std::sscanf(name.c_str(), "view%d.%7s", &number, tail) == 2 && std::string(tail) == "txt" && number > 0)
+      found[number] = name;
+  }
+  closedir(dir);
+  if (found.empty()) return *error = "no viewNN.txt files in " + folder, false;
+  int expected = 1;
+  for (const auto& view : found) {
+    if (view.first != expected) {
+      char name[32];
+      std::snprintf(name, sizeof(name), "view%02d.txt", expected);
+      return *error = folder + ": " + name + " is missing (views are numbered from 01 without gaps)", false;
+    }
+    views->push_back(folder + "/" + view.second);
+    ++expected;
+  }
+  return true;
+}
+
+bool ParseSettings(const CommandContext& context, CalibrateSettings* s, std::string* error) {
+  const std::vector<std::string>& args = context.args;
+  std::vector<std::string> plain;
+  bool modelGiven = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    const bool hasValue = i + 1 < args.size();
+    if (a == "--json") {
+      s->json = true;
+    } else if (a == "--model") {
+      if (!hasValue) return *error = "--model needs a file name", false;
+      s->model = AbsolutePath(args[++i], context.startDir);
+      modelGiven = true;
+    } else if (a == "--image-size") {
+      if (!hasValue || !ParseImageSize(args[++i], &s->width, &s->height))
+        return *error = "--image-size needs WIDTHxHEIGHT in whole pixels, e.g. 640x480", false;
+    } else if (a == "--mode") {
+      if (!hasValue || (args[i + 1] != "0" && args[i + 1] != "1")) return *error = "--mode needs 0 or 1", false;
+      s->mode = args[++i] == "0" ? 0 : 1;
+    } else if (a == "--save") {
+      if (!hasValue) return *error = "--save needs a file name", false;
+      s->save = AbsolutePath(args[++i], context.startDir);
+    } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
+      return *error = "unknown option " + a, false;
+    } else {
+      plain.push_back(AbsolutePath(a, context.startDir));
+    }
+  }
+  if (modelGiven) {
+    if (plain.empty()) return *error = "--model needs at least one VIEW file after it", false;
+    s->views = plain;
+    s->source = s->model;
+    return true;
+  }
+  if (plain.size() > 1) return *error = "calibrate takes one FOLDER (or --model FILE VIEW...)", false;
+  const std::string folder = plain.empty() ? std::string(ZELTRIM_SAMPLE_DIR) : plain[0];
+  s->source = folder;
+  s->model = folder + "/model.txt";
+  return FolderViews(folder, &s->views, error);
+}
+
+bool ReadFile(const std::string& path, std::vector<Point3>* points, std::string* error) {
+  std::ifstream in(path);
+  if (!in) return *error = "cannot read " + path, false;
+  std::string why;
+  if (!ReadPoints(in, points, &why)) return *error = path + ", " + why, false;
+  return true;
+}
+
+struct ViewFigures {
+  int view = -1;
+  double max = NAN, sd = NAN;
+};
+
+// "FitError k max, sd", one line per view as the module logs them.
+std::vector<ViewFigures> ViewsFromLog(const std::vector<std::wstring>& lines) {
+  std::vector<ViewFigures> views;
+  for (const std::wstring& line : lines) {
+    ViewFigures f;
+    if (std::swscanf(line.c_str(), L"FitError %d %lf, %lf", &f.view, &f.max, &f.sd) == 3) views.push_back(f);
+  }
+  return views;
+}
+
+std::string Number(double v) {
+  if (!std::isfinite(v)) return "null";
+  char text[40];
+  std::snprintf(text, sizeof(text), "%.10g", v);
+  return text;
+}
+
+// Rows of a matrix held by columns with `stride` doubles a column.
+std::string JsonRows(const double* m, int rows, int cols, int stride) {
+  std::string out = "[";
+  for (int r = 0; r < rows; ++r) {
+    out += r ? ", [" : "[";
+    for (int c = 0; c < cols; ++c) out += (c ? ", " : "") + Number(m[stride * c + r]);
+    out += "]";
+  }
+  return out + "]";
+}
+
+std::string JsonText(const std::string& text) {
+  std::string out = "\"";
+  for (char c : text) {
+    if (c == '"' || c == '\\') out += '\\';
+    if (static_cast<unsigned char>(c) < 0x20) continue;
+    out += c;
+  }
+  return out + "\"";
+}
+
+struct Result {
+  double fx, fy, skew, cx, cy, k1, k2, max, sd;
+  double* intrinsic;  // 3 x 4 by columns
+  double* extrinsic;  // 4 x 4 by columns
+  double* combined;   // 3 x 4 by columns
+  std::vector<ViewFigures> views;
+};
+
+double Parameter(INamedCollection* params, ModuleHost& host, const char* name) {
+  int index = -1;
+  SmartPtr<IUnknown> item;
+  if (!params || params->get_Index(host.NewString(name), &index) < 0 || params->get_Item(index, item.Out()) < 0)
+    return NAN;
+  SmartPtr<IVariant> value = QueryAs<IVariant>(item);
+  return value ? value->get_Double() : NAN;
+}
+
+void PrintJson(const CalibrateSettings& s, const Result& r, size_t points) {
+  std::printf("{\"source\": %s, \"image_width\": %d, \"image_height\": %d, \"points_per_view\": %zu,\n",
+              JsonText(s.source).c_str(), s.width, s.height, points);
+  std::printf(" \"fx\": %s, \"fy\": %s, \"skew\": %s, \"cx\": %s, \"cy\": %s,\n", Number(r.fx).c_str(),
+              Number(r.fy).c_str(), Number(r.skew).c_str(), Number(r.cx).c_str(), Number(r.cy).c_str());
+  std::printf(" \"k1\": %s, \"k2\": %s, \"distortion_applied\": false,\n", Number(r.k1).c_str(), Number(r.k2).c_str());
+  std::printf(" \"max_error\": %s, \"sd_error\": %s,\n \"views\": [", Number(r.max).c_str(), Number(r.sd).c_str());
+  for (size_t i = 0; i < r.views.size(); ++i) {
+    const std::string file = i < s.views.size() ? BaseName(s.views[i]) : "";
+    std::printf("%s{\"view\": %d, \"file\": %s, \"max_error\": %s, \"sd_error\": %s}", i ? ",\n   " : "",
+                r.views[i].view, JsonText(file).c_str(), Number(r.views[i].max).c_str(), Number(r.views[i].sd).c_str());
+  }
+  std::printf("],\n \"intrinsic\": %s,\n \"extrinsic\": %s,\n \"combined\": %s}\n",
+              JsonRows(r.intrinsic, 3, 3, 3).c_str(), JsonRows(r.extrinsic, 4, 4, 4).c_str(),
+              JsonRows(r.combined, 3, 4, 3).c_str());
+}
+
+void PrintText(const CalibrateSettings& s, const Result& r, size_t points) {
+  std::printf("Camera3DTrinsic from %zu views of %zu points, image %d x %d (%s)\n\n", s.views.size(), points, s.width,
+              s.height, s.source.c_str());
+  std::printf("Intrinsics (pixels)\n  fx    %12.4f\n  fy    %12.4f\n  skew  %12.4f\n  cx    %12.4f\n  cy    %12.4f\n\n",
+              r.fx, r.fy, r.skew, r.cx, r.cy);
+  std::printf("Radial distortion, estimated on the last view and NOT applied by the camera\n");
+  std::printf("  k1    %12.6f\n  k2    %12.6f\n\n", r.k1, r.k2);
+  std::printf("Views: reprojection errors in pixels, as the calibration logs them\n");
+  std::printf("  view  file              max      sd\n");
+  for (const ViewFigures& v : r.views) {
+    const std::string file = v.view >= 0 && static_cast<size_t>(v.view) < s.views.size() ? BaseName(s.views[v.view]) : "";
+    std::printf("  %4d  %-14s %7.2f %7.2f\n", v.view, file.c_str(), v.max, v.sd);
+  }
+  std::printf("\nOverall (pixels)\n");
+  std::printf("  max error  %10.4f   the largest error of the LAST view only\n", r.max);
+  std::printf("  sd error   %10.4f   root mean square over all %zu points, N - 1 in the divisor\n\n", r.sd,
+              points * s.views.size());
+  std::printf("Pose of the last view (%s), model to camera: X_cam = R X + t\n", BaseName(s.views.back()).c_str());
+  const double* e = r.extrinsic;
+  for (int row = 0; row < 3; ++row)
+    std::printf("  %s  %11.6f %11.6f %11.6f   %12.6f\n", row == 0 ? "R | t" : "     ", e[row], e[4 + row], e[8 + row],
+                e[12 + row]);
+}
+
+}  // namespace
+
+int RunCalibrate(CommandContext& context) {
+  CalibrateSettings s;
+  std::string error;
+  if (!ParseSettings(context, &s, &error)) return Fail(error);
+  std::vector<Point3> model;
+  if (!ReadFile(s.model, &model, &error)) return Fail(error);
+  if (model.size() < 4)
+    return Fail(s.model + " holds " + std::to_string(model.size()) + " point(s); a flat target needs at least 4");
+  std::vector<std::vector<Point3>> views(s.views.size());
+  for (size_t k = 0; k < s.views.size(); ++k) {
+    if (!ReadFile(s.views[k], &views[k], &error)) return Fail(error);
+    if (views[k].size() != model.size())
+      return Fail(s.views[k] + " holds " + std::to_string(views[k].size()) + " points, the model " +
+                  std::to_string(model.size()));
+  }
+  if (s.mode == 0 && views.size() < 3) return Fail("--mode 0 needs at least 3 views");
+
+  ModuleHost& host = *context.host;
+  SmartPtr<ICamera3DTrinsic> camera = host.Create<ICamera3DTrinsic>(L"Camera3DTrinsic");
+  if (!camera) return Fail("Camera3DTrinsic: " + host.Error(), 1);
+  camera->SetNormalizationImageSize(s.width, s.height);
+  SmartPtr<ISimpleCollection> modelPoints = MakeCollection(host, model);
+  SmartPtr<ISimpleCollection> image;
+  if (s.mode == 0) {
+    SmartPtr<ICreatableSimpleCollection> perView = host.CreateHost<ICreatableSimpleCollection>(L"SimpleCollection");
+    if (perView)
+      for (const std::vector<Point3>& view : views) perView->Add(MakeCollection(host, view));
+    image = perView.get();
+  } else {
+    std::vector<Point3> all;
+    for (const std::vector<Point3>& view : views) all.insert(all.end(), view.begin(), view.end());
+    image = MakeCollection(host, all);
+  }
+  if (!modelPoints || !image) return Fail("the host has no point collections", 1);
+
+  host.Log().Keep();
+  const HRESULT hr = QueryAs<ITransformBestFit>(camera)->BestFit(image, modelPoints, s.mode);
+  if (hr < 0) {
+    char code[16];
+    std::snprintf(code, sizeof(code), "0x%08X", static_cast<unsigned>(hr));
+    return Fail(std::string("the calibration failed with ") + code +
+                    (hr == E_INVALIDARG ? " (the model has no extent in X or in Y)" : " (a degenerate target or view)"),
+                1);
+  }
+
+  Result r{};
+  SmartPtr<INamedCollection> params;
+  QueryAs<IParametricObject>(camera)->GetParameters(params.Out(), 0);
+  r.fx = Parameter(params, host, "fSx");
+  r.fy = Parameter(params, host, "fSy");
+  r.skew = Parameter(params, host, "Skew");
+  r.cx = Parameter(params, host, "CenterX");
+  r.cy = Parameter(params, host, "CenterY");
+  r.k1 = Parameter(params, host, "DistortionK1(NotUsed)");
+  r.k2 = Parameter(params, host, "DistortionK2(NotUsed)");
+  double error2 = 0;
+  QueryAs<ITransformFitErrors>(camera)->GetFitErrors(&error2, &r.max, &r.sd);
+  camera->GetMatrix(1, &r.intrinsic, nullptr, nullptr);
+  camera->GetMatrix(2, &r.extrinsic, nullptr, nullptr);
+  camera->GetMatrix(0, &r.combined, nullptr, nullptr);
+  r.views = ViewsFromLog(host.Log().Take());
+
+  if (!s.save.empty()) {
+    // The folder form reports success whether or not its file was written: check the
+    // folder first and the file after.
+    const size_t slash = s.save.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : s.save.substr(0, slash == 0 ? 1 : slash);
+    struct stat saved;
+    if (access(folder.c_str(), W_OK) != 0 || host.Archive(camera, s.save, true) < 0 || stat(s.save.c_str(), &saved) != 0)
+      return Fail("cannot save " + s.save, 1);
+  }
+  if (s.json)
+    PrintJson(s, r, model.size());
+  else
+    PrintText(s, r, model.size());
+  if (!s.save.empty() && !s.json) std::printf("\nsaved %s\n", s.save.c_str());
+  return 0;
+}
