@@ -1,5 +1,7 @@
 #include "camera/CameraTextFile.h"
 
+#include <cwchar>
+
 #include "frame/StringRefs.h"
 
 CameraFileForm CameraFileFormOf(IString* filename) {
@@ -9,6 +11,17 @@ CameraFileForm CameraFileFormOf(IString* filename) {
   if (extension.CompareI(RefOf(L"x"), 0) >= 0) return CAMERA_FILE_XML;
   if (extension.CompareI(RefOf(L"t"), 0) >= 0) return CAMERA_FILE_FOLDER;
   return CAMERA_FILE_TEXT;
+}
+
+void CameraWriteTriples(IDataStream* stream, const double* values) {
+  if (!stream || !values) return;
+  for (int line = 0; line < 4; ++line) {
+    // Room for three of the widest doubles "%.8f" can print (over 300 digits each).
+    wchar_t text[1024];
+    const double* v = values + 3 * line;
+    const int n = _swprintf(text, 1024, L"%.8f,%.8f,%.8f\r\n", v[0], v[1], v[2]);
+    if (n > 0) stream->Write(text, n * 4, 0);
+  }
 }
 
 HRESULT CameraTextFileSave(IString* filename, IDataPersist* object) {

@@ -18,6 +18,11 @@ enum CameraFileForm { CAMERA_FILE_XML, CAMERA_FILE_FOLDER, CAMERA_FILE_TEXT };
 // and "t" over the shorter length. No '.', or nothing after it, is the text form.
 CameraFileForm CameraFileFormOf(IString* filename);
 
+// Writes twelve doubles to `stream` as the camera text forms show them: four lines
+// "%.8f,%.8f,%.8f\r\n", three consecutive values a line (a 3 x 4 matrix held by columns
+// gives one column a line), wide characters at 4 bytes each.
+void CameraWriteTriples(IDataStream* stream, const double* values);
+
 // Writes `object`'s text form to `filename`. E_FAIL when the host has no "DataStream",
 // the file cannot be opened or nothing could be written.
 HRESULT CameraTextFileSave(IString* filename, IDataPersist* object);

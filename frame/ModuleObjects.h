@@ -22,7 +22,7 @@
   NOT_BUILT(CalibrationsCollection)                       \
   NOT_BUILT(Camera3DCalibration)                          \
   NOT_BUILT(Camera3DCalibrationPlane)                     \
-  NOT_BUILT(Camera3DTransform)                            \
+  BUILT(Camera3DTransform, CCamera3DTransform)            \
   BUILT(Camera3DTrinsic, CCamera3DTrinsic)                \
   BUILT(CameraLinearCalibration, CCameraLinearCalibration) \
   NOT_BUILT(SingleViewGeometry)                           \

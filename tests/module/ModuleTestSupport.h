@@ -106,12 +106,14 @@ inline HRESULT Archive(IUnknown* object, const std::string& path, bool save) {
   return save ? archive->Save() : archive->Load();
 }
 
-// The 16 values of a transform's live matrix.
+// The values of a transform's live matrix: 16 of a homogeneous transform, 12 of a camera.
 inline std::vector<double> MatrixOf(IUnknown* transform) {
-  SmartPtr<IHomogeneousTransform> h = QueryAs<IHomogeneousTransform>(transform);
   double* m = nullptr;
-  if (!h || h->GetMatrix(&m, nullptr, nullptr) < 0 || !m) return {};
-  return std::vector<double>(m, m + 16);
+  if (SmartPtr<IHomogeneousTransform> h = QueryAs<IHomogeneousTransform>(transform))
+    return h->GetMatrix(&m, nullptr, nullptr) >= 0 && m ? std::vector<double>(m, m + 16) : std::vector<double>();
+  if (SmartPtr<ICamera3DTransform> c = QueryAs<ICamera3DTransform>(transform))
+    return c->GetMatrix(&m, nullptr, nullptr) >= 0 && m ? std::vector<double>(m, m + 12) : std::vector<double>();
+  return {};
 }
 
 // A plane homography with perspective, and a 5 x 4 grid of points with their images.

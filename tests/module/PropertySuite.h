@@ -41,6 +41,13 @@ struct FitCase {
   HRESULT expected;
 };
 
+// An entry of GetPages: title, page name and the text of the third item ("" for none).
+struct Page {
+  const wchar_t* title;
+  const wchar_t* page;
+  const wchar_t* third;
+};
+
 struct ClassTraits {
   const wchar_t* name;
   std::vector<Route> routes;  // every interface answered after IUnknown, in the class's order
@@ -48,6 +55,9 @@ struct ClassTraits {
   std::function<void(IUnknown*)> prepare = [](IUnknown*) {};
   std::vector<Form> forms = {};
   const wchar_t* filter = nullptr;  // text of IFileArchive::get_Filter; null: E_FAIL
+  // An extension that names no form: refused and no file, or (the cameras) the
+  // write-only text form written as 16-bit text.
+  bool unnamedFormWritesText = false;
   // IDataPersist on a null stream and on a plain data stream: Save, then Load.
   HRESULT nullStream[2] = {E_FAIL, E_FAIL};
   HRESULT otherStream[2] = {E_FAIL, E_FAIL};
@@ -56,6 +66,7 @@ struct ClassTraits {
   double revertTolerance = 0;  // Revert(Convert(p)) comes back to p within this
   std::function<HRESULT(IUnknown*, ISimpleCollection*, ISimpleCollection*)> fit = nullptr;
   std::vector<FitCase> badFits = {};
+  std::vector<Page> pages = {};  // empty: not checked here
 };
 
 inline std::vector<const ClassTraits*>& Registry() {

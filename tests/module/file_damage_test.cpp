@@ -182,11 +182,18 @@ std::vector<std::wstring> ArchivedObjects() {
   return names;
 }
 
+// Forms an object writes but never reads back (the projective camera puts its text form
+// inside the XML element): nothing of them loads, whole or damaged.
+bool WriteOnly(const std::wstring& name, const std::string& extension) {
+  return name == L"Camera3DTransform" && extension == "xml";
+}
+
 std::vector<Sample> Samples() {
   LoadedModule& m = LoadedModule::Get();
   std::vector<Sample> samples;
   for (const std::wstring& name : ArchivedObjects()) {
     for (const char* extension : {"xml", "tCAL"}) {
+      if (WriteOnly(name, extension)) continue;
       Sample s{name, extension, {}, {}, {}};
       SmartPtr<IUnknown> object = m.Create<IUnknown>(name.c_str());
       Populate(object);
