@@ -133,12 +133,15 @@ TEST(LinearCalibrationParameters, TextValuesReadAsTheirLeadingNumber) {
   SmartPtr<ICameraLinearCalibration> c = NewLinear();
   ParameterList texts;
   texts.Textual(L"Roll", L" +12.5x").Textual(L"Pitch", L"#1F").Textual(L"Yaw", L"").Textual(L"ScaleX", L"1e3");
+  // "#" text goes through the 32-bit integer reader: eight F digits wrap to -1.
+  texts.Textual(L"ScaleY", L"#FFFFFFFF");
   c->SetYaw(7);
   QueryAs<IParametricObject>(c)->SetParameters(texts.list);
   EXPECT_EQ(Parameter(c, L"Roll"), 12.5);
   EXPECT_EQ(Parameter(c, L"Pitch"), 31.0);
   EXPECT_EQ(Parameter(c, L"Yaw"), 7.0);     // an empty text leaves the field
   EXPECT_EQ(Parameter(c, L"ScaleX"), 1.0);  // no exponent: "1e3" reads as 1
+  EXPECT_EQ(Parameter(c, L"ScaleY"), -1.0);
 }
 
 TEST(LinearCalibrationParameters, ZeroScaleThroughParametersIsKeptAndRevertsToInfinity) {

@@ -128,6 +128,24 @@ TEST(CholeskiLeastSquares, VanishingPivotFails) {
   EXPECT_EQ(x[1], 0.5);
 }
 
+// Only pivots within FLT_MIN of zero count as vanishing: a rank-deficient system whose
+// last pivot rounds to a small negative number is solved, into whatever that gives.
+TEST(CholeskiLeastSquares, PivotRoundedBelowZeroIsNotRefused) {
+  // Six rows (1, 0.7): the second column is the first times 0.7, and the pivot
+  // sum(x^2) - sum(x) * (sum(x) / 6) comes out a few units of rounding below zero.
+  double a[12], b[6], x[2] = {0, 0};
+  double sum = 0, squares = 0;
+  for (int r = 0; r < 6; ++r) {
+    a[2 * r] = 1.0, a[2 * r + 1] = 0.7, b[r] = 1.0;
+    sum += 0.7;
+    squares += 0.7 * 0.7;
+  }
+  const double pivot = squares - sum * (sum * (1.0 / 6.0));
+  ASSERT_LT(pivot, -1e-20) << "the data no longer rounds the pivot below zero";
+  Solver solver;
+  EXPECT_EQ(solver.CLSCholeski(a, b, x, 2, 6), S_OK);
+}
+
 TEST(CholeskiLeastSquares, BadArgumentsAndSixteenBitCounts) {
   Solver solver;
   double a[4] = {1, 0, 0, 1}, b[2] = {1, 1}, x[2] = {7, 7};

@@ -180,6 +180,16 @@ TEST(RefStringSplit, ControlStopTakesEveryValueBelowThirtyTwo) {
   EXPECT_EQ(right.m_Length, 2);
   EXPECT_EQ(view.Split(&left, &right, CREFString(L";", 1), 0), E_FAIL);
   EXPECT_EQ(left.m_Length, 4);
+  // 31, the unit separator, is the last value that stops it.
+  for (wchar_t control : {L'\x1F', L'\x01'}) {
+    const std::wstring separated = std::wstring(L"ab") + control + L"c";
+    view = View(separated);
+    EXPECT_EQ(view.Split(&left, &right, CREFString(L";", 1), 1), S_OK) << int(control);
+    EXPECT_EQ(ViewText(left), L"ab");
+  }
+  const std::wstring space = L"ab c";
+  view = View(space);
+  EXPECT_EQ(view.Split(&left, &right, CREFString(L";", 1), 1), E_FAIL) << "32 does not stop it";
 }
 
 TEST(RefStringSplit, NotFound) {
