@@ -49,7 +49,7 @@ bool PointAtHeight(ICamera3DTransform* camera, double u, double v, double z, dou
 
 // The point of Camera3DTrinsic::Revert: the pseudo-inverse of P (GetMatrix id 4) applied
 // to (u, v, 1), made inhomogeneous. Revert stands on no interface the module answers, so
-// its formula is applied here to the matrix it uses (as Part 4.3 advises callers).
+// its formula is applied here to the matrix it uses, as a host has to.
 void RevertPoint(ICamera3DTrinsic* camera, double u, double v, double* world);
 
 // The largest and the standard reprojection error of the last fit (or as loaded), with
