@@ -211,6 +211,82 @@ check calibrate-no-folder 2 "cannot read the folder" -- "$zeltrim" calibrate now
 mkdir -p empty && cp synth/model.txt empty/
 check calibrate-no-views 2 "no viewNN.txt files" -- "$zeltrim" calibrate empty
 
+# resect, project, unproject: a camera known by hand. K = [100 0 50; 0 100 30; 0 0 1],
+# R a quarter turn about z (camera x = -world Y, camera y = world X), t = (1, 2, 10):
+# K [R | t] = [0 -100 50 600; 100 0 30 500; 0 0 1 10], which is P = [0 -10 5 60;
+# 10 0 3 50; 0 0 0.1 1] at p11 = 1, and the centre is -R^T t = (-2, 1, -10).
+near() {  # near NAME EXPECTED ACTUAL: the same count of numbers, each within 1e-6 (relative above 1)
+  if awk -v e="$2" -v a="$3" 'BEGIN { n = split(e, E, " "); if (split(a, A, " ") != n) exit 1
+      for (i = 1; i <= n; i++) { d = A[i] - E[i]; m = E[i] < 0 ? -E[i] : E[i]
+        if (d > 1e-6 * (m > 1 ? m : 1) || -d > 1e-6 * (m > 1 ? m : 1) || A[i] !~ /^-?[0-9]/) exit 1 } }'; then
+    echo "ok   $1"; passed=$((passed + 1))
+  else echo "FAIL $1: got '$3', expected '$2'"; failed=$((failed + 1)); fi
+}
+rows() { sed -n '/by rows:$/{n;p;n;p;n;p;}' | tr '\n' ' '; }
+P_by_hand="0 -10 5 60 10 0 3 50 0 0 0.1 1"
+awk 'BEGIN { for (x = -2; x <= 2; x += 2) for (y = -1; y <= 1; y += 2) for (z = 0; z <= 4; z += 2) print x, y, z }' >world.txt
+awk '{ xc = -$2 + 1; yc = $1 + 2; zc = $3 + 10; printf "%.17g %.17g\n", 100 * xc / zc + 50, 100 * yc / zc + 30 }' world.txt >image.txt
+check resect-help 0 "write-only text form" -- "$zeltrim" resect --help
+check resect-refined 0 "then refined by Levenberg-Marquardt" -- "$zeltrim" resect image.txt world.txt --save cam.tCAM
+near resect-matrix "$P_by_hand" "$("$zeltrim" resect image.txt world.txt | rows)"
+near resect-errors "0 0" "$("$zeltrim" resect image.txt world.txt | awk '$1 == "largest" || $1 == "standard" { printf "%s ", $2 }')"
+head -12 world.txt >world12.txt && head -12 image.txt >image12.txt
+check resect-twelve-refined 0 "then refined" -- "$zeltrim" resect image12.txt world12.txt
+# Image points off by a few tenths of a pixel: the printed error figures are the largest
+# reprojection distance and the root mean square over N - 1, recomputed here from the printed P.
+awk '{ printf "%.17g %.17g\n", $1 + 0.5 * (NR % 3 - 1), $2 + 0.3 * (NR % 2 * 2 - 1) }' image.txt >noisy.txt
+"$zeltrim" resect noisy.txt world.txt >noisy.out
+near resect-error-figures "$(awk 'NR == FNR { if (/by rows:$/) r = 1; else if (r && r <= 3) { for (c = 1; c <= 4; c++) P[r, c] = $c; r++ }; next }
+    FILENAME == ARGV[2] { u[FNR] = $1; v[FNR] = $2; next }
+    { w = P[3,1] * $1 + P[3,2] * $2 + P[3,3] * $3 + P[3,4]
+      du = (P[1,1] * $1 + P[1,2] * $2 + P[1,3] * $3 + P[1,4]) / w - u[FNR]
+      dv = (P[2,1] * $1 + P[2,2] * $2 + P[2,3] * $3 + P[2,4]) / w - v[FNR]
+      q = du * du + dv * dv; s += q; if (q > m) m = q; n++ }
+    END { printf "%.10g %.10g", sqrt(m), sqrt(s / (n - 1)) }' noisy.out noisy.txt world.txt)" \
+  "$(awk '$1 == "largest" || $1 == "standard" { printf "%s ", $2 }' noisy.out)"
+sed -n '1p;5p;9p;10p;14p;18p' world.txt >world6.txt && sed -n '1p;5p;9p;10p;14p;18p' image.txt >image6.txt
+check resect-six-direct 0 "direct linear solve only" -- "$zeltrim" resect image6.txt world6.txt --save cam.csv
+near resect-six-matrix "$P_by_hand" "$("$zeltrim" resect image6.txt world6.txt | rows)"
+near resect-text-form "0 10 0 -10 0 0 5 3 0.1 60 50 1" "$(iconv -f UTF-16 -t UTF-8 cam.csv | tr ',\r\n' '   ')"
+head -5 world.txt >world5.txt && head -5 image.txt >image5.txt
+check resect-five 2 "at least 6 point pairs" -- "$zeltrim" resect image5.txt world5.txt
+awk '{ print $1, $2, 0 }' world.txt >flat.txt
+awk '{ print $1, $2, 0.3 * $1 + 0.7 * $2 + 1.1 }' world.txt >tilted.txt
+check resect-coplanar 2 "lie in one plane" -- "$zeltrim" resect image.txt flat.txt
+check resect-tilted-plane 2 "lie in one plane" -- "$zeltrim" resect image.txt tilted.txt
+awk '{ print 0, 0 }' world.txt >alike.txt
+check resect-singular 1 "linear solve is singular" -- "$zeltrim" resect alike.txt world.txt
+check resect-lengths 2 "differ in length: 18 image and 6 world" -- "$zeltrim" resect image.txt world6.txt
+check resect-swapped 2 "line 1: expected x y, got '-2 -1 0'" -- "$zeltrim" resect world.txt image.txt
+check resect-missing 2 "cannot read" -- "$zeltrim" resect nowhere.txt world.txt
+check resect-xml 2 "would not load back" -- "$zeltrim" resect image.txt world.txt --save transform-cam.xml
+check resect-unwritable 2 "does not exist" -- "$zeltrim" resect image.txt world.txt --save /nonexistent/dir/cam.tCAM
+if [ ! -e transform-cam.xml ]; then echo "ok   resect-refused-writes-nothing"; passed=$((passed + 1));
+else echo "FAIL resect-refused-writes-nothing"; failed=$((failed + 1)); fi
+awk 'BEGIN { for (i = 0; i < 16384; i++) print i % 7, i % 11, i % 13 }' >many-world.txt
+awk '{ print $1, $2 }' many-world.txt >many-image.txt
+check resect-too-many 2 "at most 16383 point pairs" -- "$zeltrim" resect many-image.txt many-world.txt
+check show-transform 0 "object: Camera3DTransform" -- "$zeltrim" show cam.tCAM
+near show-transform-matrix "$P_by_hand" "$("$zeltrim" show cam.tCAM | rows)"
+near show-transform-centre "-2 1 -10" "$("$zeltrim" show cam.tCAM | sed -n 's/^camera centre (world): //p')"
+# (2, 1, 10): u = (-10 + 50 + 60) / 2, v = (20 + 30 + 50) / 2; the origin: (60, 50).
+near project-point "50 50" "$("$zeltrim" project cam.tCAM 2,1,10)"
+near project-stdin "50 50 60 50" "$(printf '# world\n2 1 10\n0 0 0\n' | "$zeltrim" project cam.tCAM | tr '\n' ' ')"
+check project-principal-plane 2 "has no image" -- "$zeltrim" project cam.tCAM 0,0,-10
+near unproject-at-z "2 1 10" "$("$zeltrim" unproject cam.tCAM --at-z 10 50,50)"
+# The ray of (50, 50) runs from the centre through (2, 1, 10): along (4, 0, 20) / sqrt(416).
+near unproject-ray "-2 1 -10 0.1961161351 0 0.9805806757" "$("$zeltrim" unproject cam.tCAM 50,50 2>/dev/null)"
+check unproject-ray-note 0 "has no Revert" -- "$zeltrim" unproject cam.tCAM 50,50
+near unproject-round-trip "100 200" "$("$zeltrim" unproject cam.tCAL 100,200 | "$zeltrim" project cam.tCAL)"
+near unproject-xml-round-trip "320 240" "$("$zeltrim" unproject cam.xml --at-z 0 320,240 | "$zeltrim" project cam.xml)"
+check show-trinsic 0 "pose of the last view" -- "$zeltrim" show cam.tCAL
+near show-trinsic-intrinsics "800 0 320 0 800 240 0 0 1" "$("$zeltrim" show cam.tCAL | sed -n '/^intrinsics/{n;p;n;p;n;p;}' | tr '\n' ' ')"
+check project-other-class 2 "holds a CameraLinearCalibration, not a camera" -- "$zeltrim" project lin.tLin 1,2,3
+check project-missing 2 "cannot load" -- "$zeltrim" project nowhere.tCAM 1,2,3
+printf '<?xml version="1.0"?>\n<Camera3DTransform>1,2,3</Camera3DTransform>\n' >transform.xml
+check project-transform-xml 2 "write-only text form" -- "$zeltrim" project transform.xml 1,2,3
+check unproject-both-options 2 "exclude each other" -- "$zeltrim" unproject cam.tCAL --ray --at-z 0 1,2
+
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.
 bin_dir=$(dirname "$zeltrim")

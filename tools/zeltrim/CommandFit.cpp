@@ -86,23 +86,6 @@ bool ParseSettings(const CommandContext& context, FitSettings* s, std::string* e
   return true;
 }
 
-// Reads a point file; folders and devices are named as what they are, and a file without
-// points is refused here rather than compared by length with the other.
-bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::string* error) {
-  struct stat info;
-  if (stat(path.c_str(), &info) == 0) {
-    if (S_ISDIR(info.st_mode)) return *error = path + " is a folder, not a point file", false;
-    if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) return *error = path + " is a device, not a point file", false;
-  }
-  std::ifstream in(path);
-  if (!in) return *error = "cannot read " + path, false;
-  std::string why;
-  if (!ReadPoints(in, points, &why)) return *error = path + ", " + why, false;
-  if (in.bad()) return *error = "cannot read " + path, false;
-  if (points->empty()) return *error = path + " holds no points", false;
-  return true;
-}
-
 // Determinant of a 4 x 4 matrix by elimination with partial pivoting.
 double Determinant4(const double* m) {
   double a[16];
@@ -133,6 +116,21 @@ SmartPtr<IUnknown> Item(ISimpleCollection* c, int i) {
 }
 
 }  // namespace
+
+bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::string* error, int numbers) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0) {
+    if (S_ISDIR(info.st_mode)) return *error = path + " is a folder, not a point file", false;
+    if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) return *error = path + " is a device, not a point file", false;
+  }
+  std::ifstream in(path);
+  if (!in) return *error = "cannot read " + path, false;
+  std::string why;
+  if (!ReadPoints(in, points, &why, numbers)) return *error = path + ", " + why, false;
+  if (in.bad()) return *error = "cannot read " + path, false;
+  if (points->empty()) return *error = path + " holds no points", false;
+  return true;
+}
 
 SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points) {
   SmartPtr<IPointsCollection> collection;

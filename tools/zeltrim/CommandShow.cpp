@@ -1,13 +1,17 @@
 #include <cstdio>
 
 #include "host/client/CalibrationFile.h"
+#include "tools/zeltrim/Cameras.h"
 #include "tools/zeltrim/Commands.h"
 
 const char* const kShowHelp =
     "usage: zeltrim show FILE\n"
     "Shows a calibration file of the module (.xml, or a folder stream such as .tCAL): the\n"
     "object it holds, its info block (name, type, device, description, units, time), its\n"
-    "named parameters and, for fitted calibrations, its matrices and fit errors.\n";
+    "named parameters and, for fitted calibrations, its matrices and fit errors. For a\n"
+    "camera (Camera3DTransform, Camera3DTrinsic): the camera matrix P by rows, the camera\n"
+    "centre and the reprojection errors in pixels; for a Camera3DTrinsic also the\n"
+    "intrinsics A, the pose of the last view and the normalisation image size.\n";
 
 namespace {
 
@@ -91,6 +95,8 @@ int RunShow(CommandContext& context) {
   const client::FileReport found = client::CheckFile(path, std::wstring());
   if (!found.ok) return Fail("cannot show " + path + ": " + found.problem);
   const std::wstring& object = found.objectName;
+  if (object == kTransformClass && client::FormOfPath(path) == client::FileForm::kXML)
+    return Fail("cannot show " + path + ": a Camera3DTransform's XML file holds its write-only text form");
   void* p = nullptr;
   if (!host.CreateRaw(object.c_str(), IID_IUnknown, &p)) return Fail(Narrow(object) + ": " + host.Error(), 1);
   SmartPtr<IUnknown> instance;
@@ -100,6 +106,7 @@ int RunShow(CommandContext& context) {
   std::printf("file: %s\nobject: %s\n", path.c_str(), Narrow(object).c_str());
   if (SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(instance)) ShowInfo(info);
   if (SmartPtr<IParametricObject> parametric = QueryAs<IParametricObject>(instance)) ShowParameters(parametric);
+  if (ShowCamera(instance)) return 0;
   if (SmartPtr<IHomogeneousCalibration> calibration = QueryAs<IHomogeneousCalibration>(instance)) {
     SmartPtr<ITransform> t;
     calibration->GetForwardTransform(t.Out());

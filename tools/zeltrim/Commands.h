@@ -19,15 +19,26 @@ int RunLinear(CommandContext& context);
 int RunFit(CommandContext& context);
 int RunShow(CommandContext& context);
 int RunCalibrate(CommandContext& context);
+int RunResect(CommandContext& context);
+int RunProject(CommandContext& context);
+int RunUnproject(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
 extern const char* const kFitHelp;
 extern const char* const kShowHelp;
 extern const char* const kCalibrateHelp;
+extern const char* const kResectHelp;
+extern const char* const kProjectHelp;
+extern const char* const kUnprojectHelp;
 
 // A host "PointsCollection" holding the points (null when the host has none).
 SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points);
+
+// Reads a point file ('#' and blank lines skipped; `numbers` as for ReadPoints); folders
+// and devices are named as what they are, and a file without points is refused here
+// rather than compared by length with another.
+bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::string* error, int numbers = 0);
 
 // Prints "zeltrim: <message>" on standard error and returns `status`.
 int Fail(const std::string& message, int status = 2);

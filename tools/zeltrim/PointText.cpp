@@ -43,7 +43,7 @@ std::string Quoted(const std::string& text) {
 
 }  // namespace
 
-bool ParsePoint(const std::string& text, Point3* point, std::string* error) {
+bool ParsePoint(const std::string& text, Point3* point, std::string* error, int numbers) {
   std::vector<double> v;
   if (!Numbers(text, &v)) {
     *error = "not a number in " + Quoted(text);
@@ -53,13 +53,17 @@ bool ParsePoint(const std::string& text, Point3* point, std::string* error) {
     *error = "expected x y or x y z, got " + Quoted(text);
     return false;
   }
+  if (numbers != 0 && v.size() != static_cast<size_t>(numbers)) {
+    *error = std::string(numbers == 2 ? "expected x y" : "expected x y z") + ", got " + Quoted(text);
+    return false;
+  }
   point->x = v[0];
   point->y = v[1];
   point->z = v.size() == 3 ? v[2] : 0.0;
   return true;
 }
 
-bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error) {
+bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error, int numbers) {
   std::string line;
   int number = 0;
   while (std::getline(in, line)) {
@@ -68,7 +72,7 @@ bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* erro
     if (first == std::string::npos || line[first] == '#') continue;
     Point3 p;
     std::string why;
-    if (!ParsePoint(line, &p, &why)) {
+    if (!ParsePoint(line, &p, &why, numbers)) {
       *error = "line " + std::to_string(number) + ": " + why;
       return false;
     }

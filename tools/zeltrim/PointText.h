@@ -10,11 +10,13 @@ struct Point3 {
   double x = 0, y = 0, z = 0;
 };
 
-// Parses one point; false (with *error set) for anything but two or three numbers.
-bool ParsePoint(const std::string& text, Point3* point, std::string* error);
+// Parses one point; false (with *error set) for anything but two or three numbers, or,
+// when `numbers` is 2 or 3, for any other count than that (a missing z is 0).
+bool ParsePoint(const std::string& text, Point3* point, std::string* error, int numbers = 0);
 
 // Reads every point of a stream; false with "line N: ..." in *error on the first bad line.
-bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error);
+// `numbers` as for ParsePoint.
+bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error, int numbers = 0);
 
 // Parses "a,b[,c]" into up to `count` numbers; false unless exactly `count` are given.
 bool ParseNumbers(const std::string& text, int count, double* values);

@@ -20,6 +20,9 @@ const char* const kUsage =
     "  fit       fit a best-fit calibration between two point files\n"
     "  show      show a calibration file: object, info block, parameters, matrices\n"
     "  calibrate calibrate a camera from views of a flat target (no data: the bundled sample)\n"
+    "  resect    fit a projective camera to image points and their world points\n"
+    "  project   carry world points to image points through a saved camera\n"
+    "  unproject carry image points back to world points or viewing rays through a saved camera\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -34,6 +37,9 @@ const Command kCommands[] = {
     {"fit", &RunFit, &kFitHelp},
     {"show", &RunShow, &kShowHelp},
     {"calibrate", &RunCalibrate, &kCalibrateHelp},
+    {"resect", &RunResect, &kResectHelp},
+    {"project", &RunProject, &kProjectHelp},
+    {"unproject", &RunUnproject, &kUnprojectHelp},
 };
 
 }  // namespace
