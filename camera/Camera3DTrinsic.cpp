@@ -82,6 +82,8 @@ HRESULT CCamera3DTrinsic::SetNormalizationImageSize(int width, int height) {
 }
 
 HRESULT CCamera3DTrinsic::GetNormalizationImageSize(int* width, int* height) {
+  // Both outputs are required; a missing one is refused before either is written.
+  if (!width || !height) return E_POINTER;
   *width = m_NormalizeImageWidth;
   *height = m_NormalizeImageHeight;
   return S_OK;
