@@ -34,14 +34,10 @@ void WriteText(IDataStream* stream, const wchar_t* text) {
   stream->Write(text, static_cast<int>(std::wcslen(text) * 4), 0);
 }
 
-// Four lines "%.8f,%.8f,%.8f\r\n" of twelve doubles taken three at a time, then "\r\n".
+// A heading, four lines of twelve doubles taken three at a time, then "\r\n".
 void WriteTriples(IDataStream* stream, const wchar_t* heading, const double* values) {
   WriteText(stream, heading);
-  for (int line = 0; line < 4; ++line) {
-    wchar_t text[256];
-    const double* v = values + 3 * line;
-    if (_swprintf(text, 256, L"%.8f,%.8f,%.8f\r\n", v[0], v[1], v[2]) > 0) WriteText(stream, text);
-  }
+  CameraWriteTriples(stream, values);
   WriteText(stream, L"\r\n");
 }
 
@@ -82,6 +78,8 @@ HRESULT CCamera3DTrinsic::SetNormalizationImageSize(int width, int height) {
 }
 
 HRESULT CCamera3DTrinsic::GetNormalizationImageSize(int* width, int* height) {
+  // Both outputs are required; a missing one is refused before either is written.
+  if (!width || !height) return E_POINTER;
   *width = m_NormalizeImageWidth;
   *height = m_NormalizeImageHeight;
   return S_OK;

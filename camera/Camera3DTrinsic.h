@@ -60,7 +60,9 @@ class CCamera3DTrinsic : public CObject<CCamera3DTrinsic>,
   // the scalars from A and the pose (outputs untouched); 1111 inverse of K as it stands.
   // Every pointer is borrowed and stays valid while the object lives.
   HRESULT GetMatrix(int id, double** data, int* rows, int* cols) override;
+  // W and H of the normalisation, stored as given; nothing is recomputed.
   HRESULT SetNormalizationImageSize(int width, int height) override;
+  // E_POINTER, with nothing written, unless both outputs are given.
   HRESULT GetNormalizationImageSize(int* width, int* height) override;
   // Two rows of four: the planes through the viewing ray of image point (u, v).
   HRESULT SolveMatrix(double* out, double u, double v) override;

@@ -565,10 +565,18 @@ TEST(Camera3DTrinsic, ParametersAreTenReadOnlyRowsWithABlankSeparator) {
     }
   }
   EXPECT_EQ(QueryAs<IParametricObject>(camera)->SetParameters(params), S_OK);
+}
+
+TEST(Camera3DTrinsic, NormalisationSizeIsStoredAsGivenAndItsGetterRefusesAMissingOutput) {
+  SmartPtr<ICamera3DTrinsic> camera = NewCamera();
   int w = 0, h = 0;
-  camera->SetNormalizationImageSize(1024, 768);
-  camera->GetNormalizationImageSize(&w, &h);
+  EXPECT_EQ(camera->SetNormalizationImageSize(1024, 768), S_OK);
+  EXPECT_EQ(camera->GetNormalizationImageSize(&w, &h), S_OK);
   EXPECT_EQ(w * 10000 + h, 10240768);
+  w = h = -7;
+  EXPECT_EQ(camera->GetNormalizationImageSize(nullptr, &h), E_POINTER);
+  EXPECT_EQ(camera->GetNormalizationImageSize(&w, nullptr), E_POINTER);
+  EXPECT_EQ(w + h, -14);  // nothing written
 }
 
 TEST(Camera3DTrinsic, PagesComeInTheirOwnOrderWithBareNames) {
