@@ -16,10 +16,11 @@ CameraFileForm CameraFileFormOf(IString* filename) {
 void CameraWriteTriples(IDataStream* stream, const double* values) {
   if (!stream || !values) return;
   for (int line = 0; line < 4; ++line) {
-    // Room for three of the widest doubles "%.8f" can print (over 300 digits each).
-    wchar_t text[1024];
+    // The module's formatting buffer of 256 characters: a line of values too wide for it
+    // (above about 1e70) is left out.
+    wchar_t text[256];
     const double* v = values + 3 * line;
-    const int n = _swprintf(text, 1024, L"%.8f,%.8f,%.8f\r\n", v[0], v[1], v[2]);
+    const int n = _swprintf(text, 256, L"%.8f,%.8f,%.8f\r\n", v[0], v[1], v[2]);
     if (n > 0) stream->Write(text, n * 4, 0);
   }
 }
