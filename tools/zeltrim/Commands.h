@@ -19,12 +19,17 @@ int RunLinear(CommandContext& context);
 int RunFit(CommandContext& context);
 int RunShow(CommandContext& context);
 int RunCalibrate(CommandContext& context);
+int RunLocate(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
 extern const char* const kFitHelp;
 extern const char* const kShowHelp;
 extern const char* const kCalibrateHelp;
+extern const char* const kLocateHelp;
+
+// What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
+void ShowCameraPlane(IUnknown* object);
 
 // A host "PointsCollection" holding the points (null when the host has none).
 SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points);
