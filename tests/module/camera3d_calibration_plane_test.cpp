@@ -162,8 +162,10 @@ TEST(Camera3DCalibrationPlane, APlaneHoldingTheRayGivesTheRaysPointNearestTheOri
   SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTransform>(L"Camera3DTransform", kOffsetCamera));
   // X = 2, with the offset reversed as the module meets it: (1, 0, 0, 2).
   ASSERT_EQ(PlaneOf(o)->SetCoefficients(1, 0, 0, 2), S_OK);
-  const P located = Locate(o, P{0, 0, 0});
-  EXPECT_POINT_NEAR(located, (P{2, 3, 0}), kExactWorld);
+  EXPECT_POINT_NEAR(Locate(o, P{0, 0, 0}), (P{2, 3, 0}), kExactWorld);
+  // Any plane through the ray: 3 X + 4 Y = 18, met as (3, 4, 0, 18).
+  ASSERT_EQ(PlaneOf(o)->SetCoefficients(3, 4, 0, 18), S_OK);
+  EXPECT_POINT_NEAR(Locate(o, P{0, 0, 0}), (P{2, 3, 0}), kExactWorld);
   // Off the singular system: the plane Z = 15, met as (0, 0, 1, 15). The ray of
   // (0.1, 0.2) reaches it at X = 2 + 0.1 * 20, Y = 3 + 0.2 * 20.
   ASSERT_EQ(PlaneOf(o)->SetCoefficients(0, 0, 1, 15), S_OK);
