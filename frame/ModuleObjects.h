@@ -21,7 +21,7 @@
   NOT_BUILT(CalibrationPolynomial)                        \
   NOT_BUILT(CalibrationsCollection)                       \
   NOT_BUILT(Camera3DCalibration)                          \
-  NOT_BUILT(Camera3DCalibrationPlane)                     \
+  BUILT(Camera3DCalibrationPlane, CCamera3DCalibrationPlane) \
   BUILT(Camera3DTransform, CCamera3DTransform)            \
   BUILT(Camera3DTrinsic, CCamera3DTrinsic)                \
   BUILT(CameraLinearCalibration, CCameraLinearCalibration) \

@@ -6,7 +6,7 @@ lib=$1
 symbols=$(nm -D --defined-only "$lib" | awk '{print $NF}')
 bad=$(printf '%s\n' "$symbols" | grep -v -E '^(CreateFunction|InitializeModule|[A-Za-z0-9]+_LevenbergMarquardt_Evaluate)$' || true)
 for required in CreateFunction InitializeModule CCamera3DTransform_LevenbergMarquardt_Evaluate \
-    CCamera3DTrinsic_LevenbergMarquardt_Evaluate; do
+    CCamera3DTrinsic_LevenbergMarquardt_Evaluate CCamera3DCalibrationPlane_LevenbergMarquardt_Evaluate; do
   printf '%s\n' "$symbols" | grep -qx "$required" || { echo "missing export: $required"; exit 1; }
 done
 if [ -n "$bad" ]; then

@@ -1,7 +1,8 @@
 // "ASCIIStream": Transform(source, target, 0) writes the source's wide text into the
 // target as 8-bit text. The encoding is UTF-8, so ASCII text comes out byte for byte;
 // values that are not Unicode scalars become U+FFFD. The source's text is its IString
-// when it has one, else its buffer read as 4-byte characters.
+// when it has one, else its buffer read as 4-byte characters. A "DataStream" is read by
+// its buffer: its IString shows single bytes, while the module writes wide text into it.
 #include <new>
 #include <string>
 
@@ -28,7 +29,8 @@ class CAsciiStream : public CObject<CAsciiStream>, public IStreamTransform, publ
     if (!source || !target) return E_POINTER;
     const wchar_t* text = nullptr;
     size_t length = 0;
-    SmartPtr<IString> asText = QueryAs<IString>(source);
+    SmartPtr<IString> asText;
+    if (streams::ObjectNameOf(source) != L"DataStream") asText = QueryAs<IString>(source);
     if (asText) {
       int n = 0;
       if (asText->GetString(&text, &n) < 0) return E_FAIL;

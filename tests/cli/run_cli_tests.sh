@@ -286,6 +286,43 @@ check project-missing 2 "cannot load" -- "$zeltrim" project nowhere.tCAM 1,2,3
 printf '<?xml version="1.0"?>\n<Camera3DTransform>1,2,3</Camera3DTransform>\n' >transform.xml
 check project-transform-xml 2 "write-only text form" -- "$zeltrim" project transform.xml 1,2,3
 check unproject-both-options 2 "exclude each other" -- "$zeltrim" unproject cam.tCAL --ray --at-z 0 1,2
+# locate: the synthetic camera keeps the last view's pose, so the image points of view 4
+# come back to the model on Z = 0; points of the board lifted to Z = 2 come back on Z = 2.
+near_rows() {  # near_rows NAME TOLERANCE EXPECTED_FILE -- command...: each output line x y z within TOLERANCE
+  local name=$1 tolerance=$2 expected=$3
+  shift 4
+  if "$@" 2>&1 | paste -d' ' - "$expected" | awk -v t="$tolerance" '
+      { if (NF != 6) bad = 1; for (i = 1; i <= 3; i++) { d = $i - $(i + 3); if (d > t || -d > t) bad = 1 } rows++ }
+      END { exit bad || rows == 0 }'; then echo "ok   $name"; passed=$((passed + 1))
+  else echo "FAIL $name"; "$@" 2>&1 | head -3; failed=$((failed + 1)); fi
+}
+awk '{ print $1, $2, 0 }' synth/model.txt >ground.txt
+check locate-help 0 "--pseudo-inverse" -- "$zeltrim" locate --help
+near_rows locate-ground 1e-6 ground.txt -- bash -c "\"$zeltrim\" locate cam.tCAL --plane 0,0,1,0 <synth/view04.txt"
+near_rows locate-ground-xml 1e-3 ground.txt -- bash -c "\"$zeltrim\" locate cam.xml --plane 0,0,2,0 <synth/view04.txt"
+lifted=$(awk 'BEGIN { a = -0.3; b = -0.15; c = 0.3; ca = cos(a); sa = sin(a); cb = cos(b); sb = sin(b); cc = cos(c); sc = sin(c)
+  split("1 0 7 5", X, " "); split("2 4 1 5", Y, " ")
+  for (i = 1; i <= 4; i++) { Z = 2
+    xc = cc*cb*X[i] + (cc*sb*sa - sc*ca)*Y[i] + (cc*sb*ca + sc*sa)*Z - 4
+    yc = sc*cb*X[i] + (sc*sb*sa + cc*ca)*Y[i] + (sc*sb*ca - cc*sa)*Z - 2
+    zc = -sb*X[i] + cb*sa*Y[i] + cb*ca*Z + 21
+    printf "%.17g,%.17g ", 800*xc/zc + 320, 800*yc/zc + 240 } }')
+printf '1 2 2\n0 4 2\n7 1 2\n5 5 2\n' >lifted.txt
+near_rows locate-offset-plane 1e-6 lifted.txt -- "$zeltrim" locate cam.tCAL --plane 0,0,-1,2 $lifted
+printf -- '-1 -2 -2\n0 -4 -2\n-7 -1 -2\n-5 -5 -2\n' >mirrored.txt
+near_rows locate-negate-0 1e-6 mirrored.txt -- "$zeltrim" locate cam.tCAL --plane 0,0,1,-2 --negate 0 $lifted
+check locate-pseudo-inverse 0 " -0.001" -- "$zeltrim" locate cam.tCAL --pseudo-inverse 300,200
+check locate-save 0 "saved" -- "$zeltrim" locate cam.tCAL --plane 0,0,1,-2 --save located.tCAL
+check show-located-camera 0 "camera: Camera3DTrinsic" -- "$zeltrim" show located.tCAL
+check show-located-plane 0 "plane (a, b, c, d): 0 0 1 2" -- "$zeltrim" show located.tCAL
+check locate-missing-file 2 "cannot read the camera" -- "$zeltrim" locate nowhere.tCAL --plane 0,0,1,0 1,2
+check locate-wrong-class 2 "holds a CameraLinearCalibration, not a camera" -- "$zeltrim" locate lin.xml --plane 0,0,1,0 1,2
+check locate-plane-of-three 2 "--plane needs A,B,C,D" -- "$zeltrim" locate cam.tCAL --plane 0,0,1 1,2
+check locate-plane-not-a-number 2 "--plane needs A,B,C,D" -- "$zeltrim" locate cam.tCAL --plane 0,0,x,1 1,2
+check locate-zero-normal 2 "A, B and C are all 0" -- "$zeltrim" locate cam.tCAL --plane 0,0,0,1 1,2
+check locate-no-plane 2 "locate needs --plane" -- "$zeltrim" locate cam.tCAL 1,2
+check locate-bad-negate 2 "--negate needs 0 or 1" -- "$zeltrim" locate cam.tCAL --plane 0,0,1,0 --negate 2 1,2
+check locate-bad-point 2 "expected x y or x y z" -- "$zeltrim" locate cam.tCAL --plane 0,0,1,0 1
 
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.

@@ -31,6 +31,9 @@ struct Form {
   // Snapshot keys (prefixes) that the form does not carry: after a load they keep the
   // values of a new object. "info." is the info block, "errors." the fit errors.
   std::vector<std::string> lost = {};
+  // Keys (prefixes) whose values the form neither carries nor resets, so not compared:
+  // a conversion through one part that comes back and one that does not.
+  std::vector<std::string> changed = {};
 };
 
 // Bad input to the class's fit and the result its contract gives (null: no collection).
@@ -56,8 +59,10 @@ struct ClassTraits {
   std::vector<Form> forms = {};
   const wchar_t* filter = nullptr;  // text of IFileArchive::get_Filter; null: E_FAIL
   // An extension that names no form: refused and no file, or (the cameras) the
-  // write-only text form written as 16-bit text.
+  // write-only text form.
   bool unnamedFormWritesText = false;
+  // The first bytes of that text form: 16-bit text after its mark, unless a class says.
+  const char* unnamedFormBegins = "\xFF\xFE";
   // IDataPersist on a null stream and on a plain data stream: Save, then Load.
   HRESULT nullStream[2] = {E_FAIL, E_FAIL};
   HRESULT otherStream[2] = {E_FAIL, E_FAIL};

@@ -83,6 +83,11 @@ void Populate(IUnknown* object) {
     linear->SetRoll(30);
     linear->SetCameraOrigin(5, 6);
   }
+  if (SmartPtr<ICamera3DCalibrationPlane> located = QueryAs<ICamera3DCalibrationPlane>(object)) {
+    IUnknown* plane = nullptr;  // borrowed
+    located->get_Plane(&plane);
+    if (SmartPtr<IPlane> p = QueryAs<IPlane>(plane)) p->SetCoefficients(0.2, -0.4, 1, 1.5);
+  }
   if (SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(object)) {
     info->put_CALIBName(Str(L"Left bench <&> \x00e9"));
     info->put_CALIBDescription(Str(L"damage test"));
@@ -142,6 +147,9 @@ std::vector<Leaf> Leaves(const std::wstring& t, size_t at = std::wstring::npos, 
 // Leaves that a class's XML load rebuilds from another leaf instead of reading them: a
 // corruption of the source leaf rightly changes these too.
 bool RebuiltFrom(const std::wstring& leaf, const std::wstring& source) {
+  // A plane keeps a unit normal: a changed coefficient can change all four.
+  const std::wstring plane = L"/Camera3DCalibrationPlane/Plane/";
+  if (source.rfind(plane, 0) == 0 && leaf.rfind(plane, 0) == 0) return true;
   const std::wstring camera = L"/Camera3DTrinsic/";
   if (source.rfind(camera, 0) != 0 || leaf.rfind(camera, 0) != 0) return false;
   const std::wstring from = source.substr(camera.size()), name = leaf.substr(camera.size());

@@ -116,6 +116,7 @@ int RunShow(CommandContext& context) {
   } else if (SmartPtr<IHomogeneousTransform> transform = QueryAs<IHomogeneousTransform>(instance)) {
     ShowMatrix("matrix", transform);
   }
+  ShowCameraPlane(instance);
   if (SmartPtr<ITransformFitErrors> errors = QueryAs<ITransformFitErrors>(instance)) {
     double mean = 0, largest = 0, sd = 0;
     errors->GetFitErrors(&mean, &largest, &sd);

@@ -22,6 +22,7 @@ int RunCalibrate(CommandContext& context);
 int RunResect(CommandContext& context);
 int RunProject(CommandContext& context);
 int RunUnproject(CommandContext& context);
+int RunLocate(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
@@ -31,6 +32,10 @@ extern const char* const kCalibrateHelp;
 extern const char* const kResectHelp;
 extern const char* const kProjectHelp;
 extern const char* const kUnprojectHelp;
+extern const char* const kLocateHelp;
+
+// What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
+void ShowCameraPlane(IUnknown* object);
 
 // A host "PointsCollection" holding the points (null when the host has none).
 SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points);

@@ -23,6 +23,7 @@ const char* const kUsage =
     "  resect    fit a projective camera to image points and their world points\n"
     "  project   carry world points to image points through a saved camera\n"
     "  unproject carry image points back to world points or viewing rays through a saved camera\n"
+    "  locate    image points to world points on a plane, through a saved camera\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -40,6 +41,7 @@ const Command kCommands[] = {
     {"resect", &RunResect, &kResectHelp},
     {"project", &RunProject, &kProjectHelp},
     {"unproject", &RunUnproject, &kUnprojectHelp},
+    {"locate", &RunLocate, &kLocateHelp},
 };
 
 }  // namespace

@@ -497,6 +497,105 @@ TEST(GeometryPlane, NormalisesTheNormalAndScalesDAlike) {
   EXPECT_EQ(plane->Release(), 0);
 }
 
+// An object of any peer through the global collection (streams and strings for the
+// plane's stream forms); null when it cannot be made.
+template <class I>
+SmartPtr<I> HostCreate(const wchar_t* name) {
+  SmartPtr<I> result;
+  void* collectionsEx = dlopen("./_binlinux/CollectionsEx.so", RTLD_NOW);
+  SmartPtr<IComponentCollection> global;
+  global.Attach(static_cast<IComponentCollection*>(
+      static_cast<void*>(CreateFromModule(collectionsEx, L"GlobalComponentCollection", IID_IComponentCollection))));
+  void* object = nullptr;
+  if (global && global->CreateComponent(static_cast<int>(std::wcslen(name)), name, &I::Iid(), &object) == S_OK)
+    result.Attach(static_cast<I*>(object));
+  return result;
+}
+
+SmartPtr<IString> HostString(const wchar_t* text) {
+  SmartPtr<ICreatableString> s = HostCreate<ICreatableString>(L"CreatableString");
+  if (s) s->SetString(static_cast<int>(std::wcslen(text)), text);
+  return SmartPtr<IString>(s.get());
+}
+
+std::vector<double> Coefficients(IPlane* plane) {
+  std::vector<double> v(4, NAN);
+  plane->GetCoefficients(&v[0], &v[1], &v[2], &v[3]);
+  return v;
+}
+
+// The content of the one element of an XML text, as the module receives a part of a file.
+SmartPtr<IDataStream> XmlContent(const std::wstring& document) {
+  SmartPtr<IXMLStream> in = HostCreate<IXMLStream>(L"XMLStream");
+  tagREFString tag{0, nullptr};
+  SmartPtr<IUnknown> content;
+  if (!in || in->Attach(const_cast<wchar_t*>(document.c_str()), document.size() * sizeof(wchar_t), 0) < 0 ||
+      in->NextTag(&tag) < 0 || in->ReadElement(tag.m_Length, tag.m_Text, nullptr, content.Out(), 0) < 0)
+    return SmartPtr<IDataStream>();
+  return QueryAs<IDataStream>(content);
+}
+
+TEST(GeometryPlane, StreamFormsGiveEveryBitBack) {
+  ASSERT_TRUE(ConnectGeometryToHost());
+  SmartPtr<IPlane> plane, folderCopy, xmlCopy;
+  plane.Attach(CreateGeometry<IPlane>(L"Plane"));
+  folderCopy.Attach(CreateGeometry<IPlane>(L"Plane"));
+  xmlCopy.Attach(CreateGeometry<IPlane>(L"Plane"));
+  ASSERT_TRUE(plane && folderCopy && xmlCopy);
+  ASSERT_EQ(plane->SetCoefficients(0.3, -0.7, 2.0, 5.5), S_OK);
+
+  SmartPtr<IDataStream> folder = HostCreate<IDataStream>(L"FolderStream");
+  ASSERT_TRUE(folder);
+  folder->Open(nullptr, 1000, 1);
+  ASSERT_EQ(QueryAs<IDataPersist>(plane)->Save(folder, 0), S_OK);
+  ASSERT_EQ(QueryAs<IDataPersist>(folderCopy)->Load(folder, 0), S_OK);
+  EXPECT_EQ(Coefficients(folderCopy), Coefficients(plane));
+
+  SmartPtr<IXMLStream> xml = HostCreate<IXMLStream>(L"XMLStreamEx");
+  ASSERT_TRUE(xml);
+  xml->Attach(nullptr, 0, 0);
+  xml->OpenTag(HostString(L"Plane"), 0, 0);
+  ASSERT_EQ(QueryAs<IDataPersist>(plane)->Save(xml, 0), S_OK);
+  xml->CloseTag();
+  const wchar_t* text = nullptr;
+  int length = 0;
+  QueryAs<IString>(xml)->GetString(&text, &length);
+  const std::wstring document(text, static_cast<size_t>(length));
+  EXPECT_NE(document.find(L"<D>2.569981224337"), std::wstring::npos) << "d / |n| = 5.5 / sqrt(4.58), to all digits";
+  SmartPtr<IDataStream> content = XmlContent(document);
+  ASSERT_TRUE(content);
+  ASSERT_EQ(QueryAs<IDataPersist>(xmlCopy)->Load(content, 0), S_OK);
+  EXPECT_EQ(Coefficients(xmlCopy), Coefficients(plane));
+}
+
+TEST(GeometryPlane, LoadNormalisesAWrittenNormalAndRefusesWhatItCannotRead) {
+  ASSERT_TRUE(ConnectGeometryToHost());
+  SmartPtr<IPlane> plane;
+  plane.Attach(CreateGeometry<IPlane>(L"Plane"));
+  ASSERT_TRUE(plane);
+  SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(plane);
+  // (0, 3, 4) has length 5.
+  ASSERT_EQ(persist->Load(XmlContent(L"<Plane><A>0</A><B> 3 </B><C>4</C><D>-10</D></Plane>"), 0), S_OK);
+  const std::vector<double> expected = {0.0, 0.6, 0.8, -2.0};
+  for (int i = 0; i < 4; ++i) EXPECT_DOUBLE_EQ(Coefficients(plane)[i], expected[i]);
+  const std::vector<double> kept = Coefficients(plane);
+  for (const wchar_t* bad : {L"<Plane><A>0</A><B>3</B><C>4</C></Plane>", L"<Plane><A>0</A><B>3</B><C>4x</C><D>1</D></Plane>",
+                             L"<Plane><A>0</A><B>0</B><C>0</C><D>1</D></Plane>", L"<Plane><A>0</A><B>3</B><C>4</C><D>nan</D></Plane>",
+                             L"<Plane><A>0</A><B>3</B><C>1e999</C><D>1</D></Plane>"}) {
+    EXPECT_LT(persist->Load(XmlContent(bad), 0), 0) << std::string(bad, bad + std::wcslen(bad));
+    EXPECT_EQ(Coefficients(plane), kept);
+  }
+  SmartPtr<IDataStream> empty = HostCreate<IDataStream>(L"FolderStream");
+  empty->Open(nullptr, 1000, 1);
+  EXPECT_EQ(persist->Load(empty, 0), E_FAIL) << "a folder without the four values";
+  SmartPtr<IDataStream> plain = HostCreate<IDataStream>(L"DataStream");
+  plain->Open(nullptr, 1000, 1);
+  EXPECT_EQ(persist->Save(plain, 0), E_FAIL);
+  EXPECT_EQ(persist->Load(plain, 0), E_FAIL);
+  EXPECT_EQ(persist->Save(nullptr, 0), E_POINTER);
+  EXPECT_EQ(Coefficients(plane), kept);
+}
+
 TEST(GeometryPointVector, PointsAlongItsDirectionAndFollowsATransform) {
   IPointVector* ray = CreateGeometry<IPointVector>(L"PointVector");
   ASSERT_NE(ray, nullptr);

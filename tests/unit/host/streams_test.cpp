@@ -284,6 +284,24 @@ TEST_F(StreamsTest, ASCIIStreamWritesUtf8) {
   EXPECT_EQ(std::vector<uint8_t>(static_cast<uint8_t*>(bytes), static_cast<uint8_t*>(bytes) + size), expected);
 }
 
+// The module writes wide text (4 bytes a character) into a data stream for its text
+// reports; a data stream's own text view shows single bytes, so its buffer is what counts.
+TEST_F(StreamsTest, ASCIIStreamReadsADataStreamAsWideText) {
+  SmartPtr<IDataStream> wide = Create<IDataStream>(L"DataStream");
+  SmartPtr<IDataStream> narrow = Create<IDataStream>(L"DataStream");
+  SmartPtr<IStreamTransform> ascii = Create<IStreamTransform>(L"ASCIIStream");
+  ASSERT_TRUE(wide && narrow && ascii);
+  wide->Open(nullptr, 1000, 1);
+  narrow->Open(nullptr, 1000, 1);
+  const wchar_t text[] = L"1.5,-2\r\n\x00e9";
+  wide->Write(text, static_cast<int>((sizeof(text) / sizeof(wchar_t) - 1) * sizeof(wchar_t)), 0);
+  ASSERT_EQ(ascii->Transform(wide.get(), narrow.get(), 0), S_OK);
+  void* bytes = nullptr;
+  unsigned long size = 0;
+  narrow->GetBuffer(&bytes, &size);
+  EXPECT_EQ(std::string(static_cast<char*>(bytes), size), "1.5,-2\r\n\xC3\xA9");
+}
+
 // ------------------------------------------------------------------ XML writing
 
 TEST_F(StreamsTest, XMLEscapesTextAndReadsItBack) {
