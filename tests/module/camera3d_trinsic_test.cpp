@@ -579,26 +579,6 @@ TEST(Camera3DTrinsic, NormalisationSizeIsStoredAsGivenAndItsGetterRefusesAMissin
   EXPECT_EQ(w + h, -14);  // nothing written
 }
 
-TEST(Camera3DTrinsic, PagesComeInTheirOwnOrderWithBareNames) {
-  SmartPtr<ICamera3DTrinsic> camera = NewCamera();
-  SmartPtr<INamedCollection> pages;
-  ASSERT_EQ(QueryAs<IUIPropertyPageSpecify>(camera)->GetPages(0, pages.Out(), nullptr), S_OK);
-  SmartPtr<IParameters> list = QueryAs<IParameters>(pages);
-  const wchar_t* names[] = {L"UIParametricObjectPropPage", L"CalibrationMatrixPropPage", L"CalibrationInfoPropPage",
-                            L"UIFileArchivePropPage"};
-  int count = 0;
-  list->get_Count(&count);
-  ASSERT_EQ(count, 4);
-  for (int i = 0; i < 4; ++i) {
-    SmartPtr<IUnknown> item;
-    list->get_Item(i, item.Out());
-    SmartPtr<IString> text = QueryAs<IString>(item);
-    SmartPtr<IString> title;
-    list->get_ItemName(i, title.Out());
-    EXPECT_EQ(Text(text) + L"|" + Text(title), std::wstring(names[i]) + L"|");
-  }
-}
-
 // ------------------------------------------------------------------ stored forms
 
 SmartPtr<ICamera3DTrinsic> FittedCamera() {
@@ -871,10 +851,13 @@ const property::ClassTraits kTrinsicTraits{
                {&IID_ITransformFitErrors}, {&IID_ITransformBestFit}, {&IID_IParametricObject},
                {&IID_IUIPropertyPageSpecify}},
     .prepare = PrepareForSuite,
-    // No forms here yet: the suite takes an extension that names no form to be refused,
-    // and for a camera any such extension writes the text report. The XML and folder
-    // round trips are checked in Camera3DTrinsicFiles above until the suite can say so.
+    // The folder form keeps everything but the first of the three errors; XML loses the
+    // distortion too, and P comes back rebuilt from A and the pose at six decimals.
+    .forms = {{.xml = false, .extension = "tCAL", .lost = {"errors.mean"}},
+              {.xml = true, .extension = "xml", .tolerance = kRebuiltFromText,
+               .lost = {"errors.mean", "param.Distortion"}}},
     .filter = L"Calibration (*.csv)|*.csv|All Files (*.*)|*.*||",
+    .unnamedFormWritesText = true,
     // Any stream that is neither folder nor XML gets the write-only text report.
     .nullStream = {S_OK, E_FAIL},
     .otherStream = {S_OK, E_FAIL},
@@ -886,6 +869,11 @@ const property::ClassTraits kTrinsicTraits{
                 {"an empty model is refused", &kOnePoint, &kNoPoints, E_INVALIDARG},
                 {"a model of one point has no extent", &kOnePoint, &kOnePoint, E_INVALIDARG},
                 {"a model along X has no extent in Y", &kAlongX, &kAlongX, E_INVALIDARG}},
+    // Page names go bare, without the module's prefix.
+    .pages = {{L"", L"UIParametricObjectPropPage", L"Camera3DTrinsic"},
+              {L"", L"CalibrationMatrixPropPage", L"Camera3DTrinsic"},
+              {L"", L"CalibrationInfoPropPage", L""},
+              {L"", L"UIFileArchivePropPage", L""}},
 };
 ZELTRIM_PROPERTY_CLASS(kTrinsicTraits);
 
