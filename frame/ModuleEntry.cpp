@@ -3,6 +3,7 @@
 #include "calibration/CalibrationBestFit.h"
 #include "calibration/CalibrationFitAndFilter.h"
 #include "calibration/CameraLinearCalibration.h"
+#include "camera/Camera3DCalibration.h"
 #include "camera/Camera3DTransform.h"
 #include "camera/Camera3DTrinsic.h"
 #include "frame/Components.h"
