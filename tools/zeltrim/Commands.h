@@ -19,12 +19,14 @@ int RunLinear(CommandContext& context);
 int RunFit(CommandContext& context);
 int RunShow(CommandContext& context);
 int RunCalibrate(CommandContext& context);
+int RunTriangulate(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
 extern const char* const kFitHelp;
 extern const char* const kShowHelp;
 extern const char* const kCalibrateHelp;
+extern const char* const kTriangulateHelp;
 
 // A host "PointsCollection" holding the points (null when the host has none).
 SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points);

@@ -20,6 +20,7 @@ const char* const kUsage =
     "  fit       fit a best-fit calibration between two point files\n"
     "  show      show a calibration file: object, info block, parameters, matrices\n"
     "  calibrate calibrate a camera from views of a flat target (no data: the bundled sample)\n"
+    "  triangulate  the 3D point that two or more calibrated cameras see, line by line\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -34,6 +35,7 @@ const Command kCommands[] = {
     {"fit", &RunFit, &kFitHelp},
     {"show", &RunShow, &kShowHelp},
     {"calibrate", &RunCalibrate, &kCalibrateHelp},
+    {"triangulate", &RunTriangulate, &kTriangulateHelp},
 };
 
 }  // namespace
