@@ -4,6 +4,7 @@
 #include "calibration/CalibrationFitAndFilter.h"
 #include "calibration/CameraLinearCalibration.h"
 #include "camera/Camera3DCalibrationPlane.h"
+#include "camera/Camera3DCalibration.h"
 #include "camera/Camera3DTransform.h"
 #include "camera/Camera3DTrinsic.h"
 #include "frame/Components.h"

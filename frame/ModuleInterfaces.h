@@ -180,8 +180,34 @@ ZELTRIM_INTERFACE(ICalibrationsCollection, IParametersCreatable)
 ZELTRIM_INTERFACE_END
 
 ZELTRIM_INTERFACE(ICamera3DCalibration, ICreatableSimpleCollection)
+  // One image point per camera, in the cameras' order; *result the 3D point they see.
   virtual HRESULT Convert(ISimpleCollection* imagePoints, IPoint** result) = 0;
 ZELTRIM_INTERFACE_END
+
+// The operations a typed collection of the module (ISimpleCollectionImpl) has behind
+// those of its interface I, in slot order. They stand on no interface of their own and
+// have no identifier: a host reaches them through the pointer of I the object hands out.
+// Item is the interface the items are held by.
+template <class I, class Item>
+struct ITypedCollection : I {
+  using I::Add;
+  using I::put_Item;
+  virtual HRESULT CollectionLock() = 0;
+  virtual HRESULT CollectionUnlock() = 0;
+  virtual HRESULT put_Item(int index, Item* item) = 0;
+  // The index of the first item that is this very pointer.
+  virtual HRESULT get_Index(Item* item, int* index) = 0;
+  virtual HRESULT Add(Item* item) = 0;
+  virtual HRESULT SimpleCollectionClear() = 0;
+  // The items in order: XML, an element for each item that has IDataPersist; folder
+  // stream, one unnamed object entry each.
+  virtual HRESULT Save_DataStream(IDataStream* stream, int flags) = 0;
+  // Appends the items a stream holds. The last argument is not read.
+  virtual HRESULT Load_DataStream(IDataStream* stream, int flags, int) = 0;
+};
+
+// "Camera3DCalibration" as a host holds it: the interface and the collection's own slots.
+typedef ITypedCollection<ICamera3DCalibration, ICamera3DTransform> ICamera3DCalibrationCollection;
 
 // ---------------------------------------------------------------- queries and views
 

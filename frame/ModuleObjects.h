@@ -20,7 +20,7 @@
   NOT_BUILT(CalibrationMatrixPropPage)                    \
   NOT_BUILT(CalibrationPolynomial)                        \
   NOT_BUILT(CalibrationsCollection)                       \
-  NOT_BUILT(Camera3DCalibration)                          \
+  BUILT(Camera3DCalibration, CCamera3DCalibration)        \
   BUILT(Camera3DCalibrationPlane, CCamera3DCalibrationPlane) \
   BUILT(Camera3DTransform, CCamera3DTransform)            \
   BUILT(Camera3DTrinsic, CCamera3DTrinsic)                \

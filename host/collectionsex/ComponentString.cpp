@@ -27,6 +27,7 @@ HRESULT CComponentString::SetFromObject(IUnknown* object) {
   if (info->GetName(0, &name) < 0 || name.m_Length <= 0 || !name.m_Text) return E_FAIL;
   const std::wstring objectName(name.m_Text, static_cast<size_t>(name.m_Length));
   m_Fields[COMPONENT_OBJECT] = objectName;
+  m_Creator = nullptr;
   for (int i = 0; i < kComponentTableSize; ++i)
     if (objectName == kComponentTable[i].object) m_Fields[COMPONENT_MODULE] = kComponentTable[i].module;
   return S_OK;
@@ -45,6 +46,7 @@ HRESULT CComponentString::get_Field(int field, IString** out) {
 
 HRESULT CComponentString::put_Field(int field, int length, const wchar_t* text) {
   m_Fields[field] = (text && length > 0) ? std::wstring(text, static_cast<size_t>(length)) : std::wstring();
+  m_Creator = nullptr;
   return S_OK;
 }
 
@@ -56,8 +58,12 @@ std::wstring CComponentString::Field(int field) const {
 HRESULT CComponentString::CreateInstance(const IID& iid, void** object) {
   if (!object) return E_POINTER;
   *object = nullptr;
-  CREATORFUNCTION creator = HostModuleCreator(Field(COMPONENT_MODULE), Field(COMPONENT_OBJECT));
-  if (!creator) return E_FAIL;
+  CREATORFUNCTION creator = m_Creator.load(std::memory_order_relaxed);
+  if (!creator) {
+    creator = HostModuleCreator(Field(COMPONENT_MODULE), Field(COMPONENT_OBJECT));
+    if (!creator) return E_FAIL;
+    m_Creator.store(creator, std::memory_order_relaxed);
+  }
   IID asked = iid;
   return creator(nullptr, &asked, object);
 }

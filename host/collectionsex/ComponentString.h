@@ -2,6 +2,7 @@
 // can create the object by loading its module.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <string>
 
@@ -20,10 +21,17 @@ class CComponentString : public CObject<CComponentString>, public IComponentStri
   HRESULT put_Field(int field, int length, const wchar_t* text) override;
 
   std::wstring Field(int field) const;
-  void SetField(int field, const std::wstring& text) { m_Fields[field] = text; }
+  void SetField(int field, const std::wstring& text) {
+    m_Fields[field] = text;
+    m_Creator = nullptr;
+  }
 
  private:
   std::map<int, std::wstring> m_Fields;
+  // The creator CreateInstance found for the current fields: loading the module and
+  // asking it again is the costly part of every creation. Peers stay loaded, so it stays
+  // valid until a field changes.
+  std::atomic<CREATORFUNCTION> m_Creator{nullptr};
 };
 
 // The creator of `object` from the module named `module`, loaded by ModuleCreator and

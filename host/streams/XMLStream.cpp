@@ -58,6 +58,7 @@ HRESULT CXMLStream::Open(void* text, unsigned long bytes, int) {
   m_Position = 0;
   m_TextOnly = false;
   m_Refused = false;
+  m_ElementName.clear();
   m_OpenNames.clear();
   m_HadChild.clear();
   ResetReading();
@@ -340,6 +341,7 @@ HRESULT CXMLStream::MakeContent(const Element& e, CXMLStream** content) const {
     return E_FAIL;
   }
   stream->m_Options = m_Options;
+  stream->m_ElementName.assign(m_Text, e.nameStart, e.nameLength);
   *content = stream;
   return S_OK;
 }
@@ -366,11 +368,17 @@ HRESULT CXMLStream::ReadElement(int length, const wchar_t* tag, tagREFString* na
 }
 
 HRESULT CXMLStream::CreateAndLoad(const Element& e, IUnknown** object) {
-  const std::wstring name(m_Text, e.nameStart, e.nameLength);
-  SmartPtr<IDataPersist> persist = PeerCreate<IDataPersist>(name.c_str());
-  if (!persist) return E_FAIL;
   CXMLStream* content = nullptr;
   if (MakeContent(e, &content) < 0) return E_FAIL;
+  return LoadNew(content, object);
+}
+
+HRESULT CXMLStream::LoadNew(CXMLStream* content, IUnknown** object) {
+  SmartPtr<IDataPersist> persist = PeerCreate<IDataPersist>(content->m_ElementName.c_str());
+  if (!persist) {
+    content->Release();
+    return E_FAIL;
+  }
   // The object's own verdict on its content is its concern: some objects report failure
   // from an XML load that did all its work, so the object is handed out regardless.
   persist->Load(static_cast<IXMLStreamEx*>(content), 0);
@@ -395,8 +403,24 @@ HRESULT CXMLStream::ReadNamedObject(int length, const wchar_t* tag, IUnknown** o
   *object = nullptr;
   Element e;
   const HRESULT hr = FindElement(length, tag, &e);
-  if (hr < 0) return hr;
-  return CreateAndLoad(e, object);
+  if (hr >= 0) return CreateAndLoad(e, object);
+  // The content of an element stands for that element: asked for the element's own tag
+  // and holding no child of that name, it makes the object from its whole self.
+  if (m_Refused || m_ElementName.empty() || !tag || length <= 0 ||
+      !streams::SameNameNoCase(m_ElementName.data(), m_ElementName.size(), tag, static_cast<size_t>(length)))
+    return hr;
+  CXMLStream* copy = new (std::nothrow) CXMLStream(m_Extended);
+  if (!copy) return E_FAIL;
+  try {
+    copy->m_Text = m_Text;
+    copy->m_ElementName = m_ElementName;
+  } catch (...) {
+    copy->Release();
+    return E_FAIL;
+  }
+  copy->m_TextOnly = m_TextOnly;
+  copy->m_Options = m_Options;
+  return LoadNew(copy, object);
 }
 
 HRESULT CXMLStream::ReadValue(int length, const wchar_t* tag, IString** value) {

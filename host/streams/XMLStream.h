@@ -21,7 +21,9 @@
 // its tag matches (any case), else it searches forward at this level. The content comes
 // back as a new stream: XML when the element has child elements, otherwise its text with
 // references decoded (such a text stream reports no elements). Views stay valid until the
-// stream's text changes.
+// stream's text changes. A content stream stands for its element: ReadNamedObject of the
+// element's own tag, when no child element has that tag, makes the object from the
+// content itself (how a collection reads the items it wrote with BeginObject).
 #pragma once
 
 #include <string>
@@ -78,6 +80,9 @@ class CXMLStream : public CObject<CXMLStream>, public IXMLStreamEx, public IStri
   HRESULT FindElement(int length, const wchar_t* tag, Element* element);
   HRESULT MakeContent(const Element& element, CXMLStream** content) const;
   HRESULT CreateAndLoad(const Element& element, IUnknown** object);
+  // Creates the object named m_ElementName of `content` and loads it from `content`,
+  // whose reference this takes over.
+  HRESULT LoadNew(CXMLStream* content, IUnknown** object);
   void OpenElement(const std::wstring& name);
   void StartChild();
   void ResetReading();
@@ -87,6 +92,7 @@ class CXMLStream : public CObject<CXMLStream>, public IXMLStreamEx, public IStri
   bool m_Extended;
   bool m_TextOnly = false;  // content of an element without children: no elements
   bool m_Refused = false;   // the attached text was refused: reads fail
+  std::wstring m_ElementName;  // a content stream: the tag of the element it is the content of
   int m_Options = 0;
   std::vector<std::wstring> m_OpenNames;
   std::vector<bool> m_HadChild;

@@ -323,6 +323,36 @@ check locate-zero-normal 2 "A, B and C are all 0" -- "$zeltrim" locate cam.tCAL 
 check locate-no-plane 2 "locate needs --plane" -- "$zeltrim" locate cam.tCAL 1,2
 check locate-bad-negate 2 "--negate needs 0 or 1" -- "$zeltrim" locate cam.tCAL --plane 0,0,1,0 --negate 2 1,2
 check locate-bad-point 2 "expected x y or x y z" -- "$zeltrim" locate cam.tCAL --plane 0,0,1,0 1
+# triangulate: two cameras calibrated on the synthetic target, each posed as its last view
+# (3 and 4); the images of model point k in views 3 and 4 meet at (X, Y, 0) of line k.
+check tri-camera-3 0 "saved" -- "$zeltrim" calibrate --model synth/model.txt synth/view01.txt synth/view02.txt synth/view03.txt --save tri3.tCAL
+check tri-camera-4 0 "saved" -- "$zeltrim" calibrate --model synth/model.txt synth/view01.txt synth/view02.txt synth/view04.txt --save tri4.xml
+paste -d' ' synth/view03.txt synth/view04.txt >tri-pairs.txt
+"$zeltrim" triangulate tri3.tCAL tri4.xml --points tri-pairs.txt >tri-out.txt 2>&1
+status=$?
+# The XML camera went through six-decimal text.
+if [ $status -eq 0 ] && paste -d' ' tri-out.txt synth/model.txt |
+  awk '{ if (NF != 5 || ($1 - $4)^2 + ($2 - $5)^2 + $3^2 > 1e-10) bad = 1 } END { exit bad || NR != 54 }'; then
+  echo "ok   tri-meets-the-model"; passed=$((passed + 1))
+else echo "FAIL tri-meets-the-model: exit $status"; head -3 tri-out.txt; failed=$((failed + 1)); fi
+out=$(printf '# u3 v3 u4 v4\n\n%s\n' "$(sed -n 2p tri-pairs.txt)" | "$zeltrim" triangulate tri3.tCAL tri4.xml 2>&1)
+if [ $? -eq 0 ] && [ "$(wc -l <<<"$out")" -eq 1 ] && awk '{ exit !(($1 - 1)^2 + $2^2 + $3^2 < 1e-10) }' <<<"$out"; then
+  echo "ok   tri-stdin-skips-comments"; passed=$((passed + 1))
+else echo "FAIL tri-stdin-skips-comments: $out"; failed=$((failed + 1)); fi
+awk 'NR <= 2 { print $1, $2, $1, $2 }' synth/view03.txt >tri-same.txt
+check tri-same-camera-twice 1 "degenerate (line 2)" -- "$zeltrim" triangulate tri3.tCAL tri3.tCAL --points tri-same.txt
+out=$("$zeltrim" triangulate tri3.tCAL tri3.tCAL --points tri-same.txt 2>/dev/null)
+if [ "$out" = $'degenerate (line 1)\ndegenerate (line 2)' ]; then echo "ok   tri-degenerate-prints-no-point"; passed=$((passed + 1));
+else echo "FAIL tri-degenerate-prints-no-point: $out"; failed=$((failed + 1)); fi
+check tri-help 0 "Camera3DTrinsic" -- "$zeltrim" triangulate --help
+check tri-one-camera 2 "at least two CAMERA_FILEs (got 1)" -- "$zeltrim" triangulate tri3.tCAL --points tri-pairs.txt
+check tri-missing-camera 2 "cannot load" -- "$zeltrim" triangulate tri3.tCAL nowhere.tCAL --points tri-pairs.txt
+check tri-wrong-class 2 "holds a CalibrationBestFit, not a camera" -- "$zeltrim" triangulate tri3.tCAL out.tCAL --points tri-pairs.txt
+printf '1 2 3 4\n1 2 3\n' >tri-short.txt
+check tri-too-few-numbers 2 "line 2: expected 4 numbers (u v for each of 2 cameras), got 3" -- "$zeltrim" triangulate tri3.tCAL tri4.xml --points tri-short.txt
+printf '1 2 x 4\n' >tri-word.txt
+check tri-not-a-number 2 "line 1: not a number" -- "$zeltrim" triangulate tri3.tCAL tri4.xml --points tri-word.txt
+check tri-missing-points 2 "cannot read" -- "$zeltrim" triangulate tri3.tCAL tri4.xml --points nowhere.txt
 
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.

@@ -23,6 +23,7 @@ int RunResect(CommandContext& context);
 int RunProject(CommandContext& context);
 int RunUnproject(CommandContext& context);
 int RunLocate(CommandContext& context);
+int RunTriangulate(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
@@ -36,6 +37,7 @@ extern const char* const kLocateHelp;
 
 // What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
 void ShowCameraPlane(IUnknown* object);
+extern const char* const kTriangulateHelp;
 
 // A host "PointsCollection" holding the points (null when the host has none).
 SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points);

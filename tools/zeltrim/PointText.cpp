@@ -81,6 +81,8 @@ bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* erro
   return true;
 }
 
+bool ParseNumberList(const std::string& text, std::vector<double>* values) { return Numbers(text, values); }
+
 bool ParseNumbers(const std::string& text, int count, double* values) {
   std::vector<double> v;
   if (!Numbers(text, &v) || static_cast<int>(v.size()) != count) return false;

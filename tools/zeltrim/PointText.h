@@ -18,6 +18,9 @@ bool ParsePoint(const std::string& text, Point3* point, std::string* error, int 
 // `numbers` as for ParsePoint.
 bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error, int numbers = 0);
 
+// Every number of a line, blanks or commas between them; false on a field that is no number.
+bool ParseNumberList(const std::string& text, std::vector<double>* values);
+
 // Parses "a,b[,c]" into up to `count` numbers; false unless exactly `count` are given.
 bool ParseNumbers(const std::string& text, int count, double* values);
 

@@ -24,6 +24,7 @@ const char* const kUsage =
     "  project   carry world points to image points through a saved camera\n"
     "  unproject carry image points back to world points or viewing rays through a saved camera\n"
     "  locate    image points to world points on a plane, through a saved camera\n"
+    "  triangulate  the 3D point that two or more calibrated cameras see, line by line\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -42,6 +43,7 @@ const Command kCommands[] = {
     {"project", &RunProject, &kProjectHelp},
     {"unproject", &RunUnproject, &kUnprojectHelp},
     {"locate", &RunLocate, &kLocateHelp},
+    {"triangulate", &RunTriangulate, &kTriangulateHelp},
 };
 
 }  // namespace

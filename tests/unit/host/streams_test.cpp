@@ -386,6 +386,48 @@ TEST_F(StreamsTest, XMLReadsPrologueThenObjectAsAnArchiveDoes) {
   EXPECT_LT(in->NextTag(&tag), 0);
 }
 
+// How a collection reads back the objects it wrote with BeginObject: the content of an
+// element, asked for the element's own tag, makes the object from itself.
+TEST_F(StreamsTest, XMLContentAskedForItsOwnTagMakesItsObject) {
+  SmartPtr<IXMLStream> out = Create<IXMLStream>(L"XMLStreamEx");
+  SmartPtr<IFileInfo> info = Create<IFileInfo>(L"FileInfo");
+  ASSERT_TRUE(out && info);
+  info->put_Description(Str(L"rig"));
+  out->Attach(nullptr, 0, 0);
+  out->OpenTag(Str(L"List"), 0, 0);
+  for (int i = 0; i < 2; ++i) {
+    out->BeginObject(info.get(), 0, 0);
+    QueryAs<IDataPersist>(info.get())->Save(out.get(), 0);
+    out->CloseTag();
+  }
+  out->CloseTag();
+  std::wstring text = TextOf(out.get());
+  SmartPtr<IXMLStream> in = Create<IXMLStream>(L"XMLStream");
+  ASSERT_EQ(in->Attach(&text[0], static_cast<unsigned long>(text.size() * 4), 0), S_OK);
+  tagREFString tag{0, nullptr};
+  SmartPtr<IUnknown> list;
+  ASSERT_EQ(in->NextTag(&tag), S_OK);
+  ASSERT_EQ(in->ReadElement(tag.m_Length, tag.m_Text, nullptr, list.Out(), 0), S_OK);
+  SmartPtr<IXMLStream> items = QueryAs<IXMLStream>(list.get());
+  int read = 0;
+  while (items->NextTag(&tag) >= 0) {
+    SmartPtr<IUnknown> content, object;
+    ASSERT_EQ(items->ReadElement(tag.m_Length, tag.m_Text, nullptr, content.Out(), 0), S_OK);
+    SmartPtr<IXMLStream> element = QueryAs<IXMLStream>(content.get());
+    EXPECT_LT(element->ReadNamedObject(4, L"List", object.Out()), 0) << "not its own tag";
+    ASSERT_EQ(element->ReadNamedObject(8, L"fileinfo", object.Out()), S_OK) << "its own tag, any case";
+    SmartPtr<IString> description;
+    QueryAs<IFileInfo>(object.get())->get_Description(description.Out());
+    EXPECT_EQ(TextOf(description.get()), L"rig");
+    ++read;
+  }
+  EXPECT_EQ(read, 2);
+  // A document attached as a whole stands for no element.
+  SmartPtr<IUnknown> none;
+  EXPECT_LT(in->ReadNamedObject(4, L"List", none.Out()), 0);
+  EXPECT_EQ(none.get(), nullptr);
+}
+
 TEST_F(StreamsTest, XMLWalksElementsAndSkipsUnreadOnes) {
   std::wstring text =
       L"<!-- c --><A><B x='1>2'>one</B><C/><D><E>two</E></D><F><![CDATA[<raw>&]]> &#x41;&#66;</F></A>";

@@ -32,6 +32,34 @@ TEST(HostObjects, AnswerTheirObjectNames) {
   for (IUnknown* object : {string, variant, collection, buffer}) EXPECT_EQ(object->Release(), 0);
 }
 
+// A descriptor keeps the creator it found; changing its fields makes it find another.
+TEST(HostObjects, ADescriptorCreatesWhatItsFieldsNameNow) {
+  IComponentCollection* components = GLOBALComponents();
+  ASSERT_TRUE(components);
+  void* p = nullptr;
+  ASSERT_EQ(components->CreateComponent(15, L"ComponentString", &IID_IComponentString, &p), S_OK);
+  components->Release();
+  SmartPtr<IComponentString> descriptor;
+  descriptor.Attach(static_cast<IComponentString*>(p));
+  auto created = [&]() {
+    void* object = nullptr;
+    if (descriptor->CreateInstance(IID_IUnknown, &object) < 0 || !object) return std::wstring(L"<none>");
+    const std::wstring name = NameOf(static_cast<IUnknown*>(object));
+    static_cast<IUnknown*>(object)->Release();
+    return name;
+  };
+  descriptor->put_Field(COMPONENT_MODULE, 11, L"Collections");
+  descriptor->put_Field(COMPONENT_OBJECT, 7, L"Variant");
+  EXPECT_EQ(created(), L"Variant");
+  EXPECT_EQ(created(), L"Variant");
+  descriptor->put_Field(COMPONENT_OBJECT, 16, L"SimpleCollection");
+  EXPECT_EQ(created(), L"SimpleCollection");
+  SmartPtr<IUnknown> buffer;
+  buffer.Attach(BASEObject::CreateDBLBuffer());
+  ASSERT_EQ(descriptor->SetFromObject(buffer), S_OK);
+  EXPECT_EQ(created(), L"DblBuffer");
+}
+
 TEST(HostVariant, HoldsOneValueAtATime) {
   IVariant* variant = CREFString::CreateVariant();
   ASSERT_TRUE(variant);
