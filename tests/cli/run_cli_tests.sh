@@ -195,7 +195,7 @@ check calibrate-save-folder 0 "saved" -- "$zeltrim" calibrate synth --save cam.t
 check calibrate-save-report 0 "saved" -- "$zeltrim" calibrate synth --save cam.csv
 if iconv -f UTF-16 -t UTF-8 cam.csv 2>/dev/null | tail -c 12 | cmp -s - <(printf 'Distortion\r\n'); then echo "ok   calibrate-report-ends"; passed=$((passed + 1));
 else echo "FAIL calibrate-report-ends"; failed=$((failed + 1)); fi
-check calibrate-unwritable 1 "cannot save" -- "$zeltrim" calibrate synth --save /nonexistent-folder/cam.xml
+check calibrate-unwritable 2 "cannot save" -- "$zeltrim" calibrate synth --save /nonexistent-folder/cam.xml
 check calibrate-bad-size 2 "--image-size needs WIDTHxHEIGHT" -- "$zeltrim" calibrate synth --image-size 640
 check calibrate-zero-size 2 "--image-size needs WIDTHxHEIGHT" -- "$zeltrim" calibrate synth --image-size 0x480
 check calibrate-bad-mode 2 "--mode needs 0 or 1" -- "$zeltrim" calibrate synth --mode 2

@@ -240,6 +240,7 @@ int RunCalibrate(CommandContext& context) {
   CalibrateSettings s;
   std::string error;
   if (!ParseSettings(context, &s, &error)) return Fail(error);
+  if (const int status = CheckSavePath(s.save)) return status;
   std::vector<Point3> model;
   if (!ReadFile(s.model, &model, &error)) return Fail(error);
   if (model.size() < 4)
@@ -298,15 +299,8 @@ int RunCalibrate(CommandContext& context) {
   camera->GetMatrix(0, &r.combined, nullptr, nullptr);
   r.views = ViewsFromLog(host.Log().Take());
 
-  if (!s.save.empty()) {
-    // The folder form reports success whether or not its file was written: check the
-    // folder first and the file after.
-    const size_t slash = s.save.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : s.save.substr(0, slash == 0 ? 1 : slash);
-    struct stat saved;
-    if (access(folder.c_str(), W_OK) != 0 || host.Archive(camera, s.save, true) < 0 || stat(s.save.c_str(), &saved) != 0)
-      return Fail("cannot save " + s.save, 1);
-  }
+  if (!s.save.empty() && host.Archive(camera, s.save, true) < 0)
+    return Fail("cannot save " + s.save + ": " + host.Error(), 1);
   if (s.json)
     PrintJson(s, r, model.size());
   else
