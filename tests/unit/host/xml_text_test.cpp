@@ -3,44 +3,14 @@
 // verdicts are worked out from the XML 1.0 grammar by hand and, where xmllint (libxml2)
 // is installed, checked against its verdict as well.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include "host/streams/XMLText.h"
+#include "tests/unit/host/Xmllint.h"
 
 namespace {
-
-bool HaveXmllint() { return std::system("xmllint --version >/dev/null 2>&1") == 0; }
-
-// xmllint's verdict on a text written as 16-bit little-endian text after a byte order mark
-// (the text's own leading U+FEFF serves as that mark).
-bool XmllintAccepts(const std::wstring& text) {
-  std::string bytes;
-  const auto unit = [&bytes](uint32_t u) {
-    bytes += static_cast<char>(u & 0xFF);
-    bytes += static_cast<char>(u >> 8);
-  };
-  if (text.empty() || text[0] != L'\xFEFF') unit(0xFEFF);
-  for (wchar_t c : text) {
-    const uint32_t v = static_cast<uint32_t>(c);
-    if (v > 0xFFFF) {
-      unit(0xD800 + ((v - 0x10000) >> 10));
-      unit(0xDC00 + ((v - 0x10000) & 0x3FF));
-    } else {
-      unit(v);
-    }
-  }
-  const std::string path = "./xml_text_test_" + std::to_string(getpid()) + ".xml";
-  std::ofstream(path, std::ios::binary) << bytes;
-  const bool ok = std::system(("xmllint --noout " + path + " 2>/dev/null").c_str()) == 0;
-  std::remove(path.c_str());
-  return ok;
-}
 
 std::string Show(const std::wstring& text) {
   std::string out;
