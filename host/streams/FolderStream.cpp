@@ -191,6 +191,8 @@ HRESULT CFolderStream::Read(void* data, int bytes, int* read) {
   if (bytes < 0) return E_INVALIDARG;
   if (bytes > 0 && !data) return E_POINTER;
   if (m_Image.empty() && !SaveImage(&m_Image)) return E_FAIL;
+  // A change of the tree drops the image and starts reading again from its beginning.
+  if (m_ImagePosition > m_Image.size()) m_ImagePosition = m_Image.size();
   size_t n = static_cast<size_t>(bytes);
   if (n > m_Image.size() - m_ImagePosition) n = m_Image.size() - m_ImagePosition;
   if (n) std::memcpy(data, m_Image.data() + m_ImagePosition, n);
@@ -250,6 +252,7 @@ HRESULT CFolderStream::RemoveEntry(IString* name) {
   if (index < 0) return E_FAIL;
   m_Entries.erase(m_Entries.begin() + index);
   m_Image.clear();
+  m_ImagePosition = 0;
   return S_OK;
 }
 
@@ -511,6 +514,7 @@ HRESULT CFolderStream::Rename(int index, IString* name) {
     if (static_cast<int>(i) != index && m_Entries[i].name == text) return E_FAIL;
   m_Entries[index].name = text;
   m_Image.clear();
+  m_ImagePosition = 0;
   return S_OK;
 }
 

@@ -349,6 +349,25 @@ TEST_F(FolderStreamTest, EntriesAreANamedCollection) {
   EXPECT_EQ(none, nullptr);
 }
 
+// Reading goes through the encoded image; removing or renaming an entry changes it, and
+// reading starts again at the new image's magic, never at the old offset.
+TEST_F(FolderStreamTest, ReadingAfterTheTreeChangesStartsAtTheNewImage) {
+  for (bool rename : {false, true}) {
+    SmartPtr<IFolderStream> folder = CreateHostObject<IFolderStream>(L"FolderStream");
+    const std::vector<unsigned char> big(4096, 0xAB);
+    ASSERT_EQ(folder->WriteData(Str(L"Big"), big.data(), 4096, 0), S_OK);
+    ASSERT_EQ(folder->WriteString(Str(L"Small"), Str(L"x")), S_OK);
+    std::vector<char> bytes(3000);
+    int read = 0;
+    ASSERT_EQ(folder->Read(bytes.data(), 3000, &read), S_OK);
+    ASSERT_EQ(rename ? QueryAs<INamedCollection>(folder)->Rename(0, Str(L"Large")) : folder->RemoveEntry(Str(L"Big")),
+              S_OK);
+    char magic[4] = {0, 0, 0, 0};
+    EXPECT_EQ(folder->Read(magic, 4, &read), S_OK) << rename;
+    EXPECT_EQ(std::string(magic, 4), "ZTFS") << rename;
+  }
+}
+
 TEST_F(FolderStreamTest, NamelessObjectsGetDistinctNames) {
   SmartPtr<IFolderStream> folder = CreateHostObject<IFolderStream>(L"FolderStream");
   SmartPtr<IFileInfo> info = CreateHostObject<IFileInfo>(L"FileInfo");
