@@ -7,6 +7,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <string>
 #include <vector>
@@ -86,11 +88,7 @@ class ScratchFolder {
   }
   std::string Write(const std::string& name, const std::string& bytes) {
     const std::string path = File(name);
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (f) {
-      std::fwrite(bytes.data(), 1, bytes.size(), f);
-      std::fclose(f);
-    }
+    std::ofstream(path, std::ios::binary) << bytes;
     return path;
   }
   const std::string& Path() const { return m_Path; }
@@ -101,14 +99,9 @@ class ScratchFolder {
 };
 
 inline std::string ReadBytes(const std::string& path) {
-  std::string bytes;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) return "<missing>";
-  char chunk[4096];
-  size_t got;
-  while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.append(chunk, got);
-  std::fclose(f);
-  return bytes;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "<missing>";
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 inline std::wstring Wide(const std::string& ascii) { return std::wstring(ascii.begin(), ascii.end()); }
@@ -130,13 +123,6 @@ class CPersistProbe : public CObject<CPersistProbe>,
  public:
   ZELTRIM_OBJECT_REFCOUNT
   static const tagREFString m_ObjectName;
-
-  // A new probe with one reference.
-  static CPersistProbe* Create() {
-    CPersistProbe* probe = new CPersistProbe();
-    probe->m_RefCount = 1;
-    return probe;
-  }
 
   HRESULT QueryInterface(const IID& iid, void** object) override {
     if (!object) return E_POINTER;
@@ -180,7 +166,7 @@ inline const tagREFString CPersistProbe::m_ObjectName = {12, L"PersistProbe"};
 
 // Owns one reference to a new probe.
 struct Probe {
-  Probe() : p(CPersistProbe::Create()) {}
+  Probe() : p(new CPersistProbe()) {}  // born with one reference
   ~Probe() { p->Release(); }
   Probe(const Probe&) = delete;
   Probe& operator=(const Probe&) = delete;

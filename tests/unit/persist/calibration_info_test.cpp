@@ -7,6 +7,19 @@ using namespace persist_test;
 
 namespace {
 
+// Name, type, description and units text: each in quotes, "null" for success with none,
+// "fail" for a failure.
+std::wstring Texts(ICalibrationInfo* info) {
+  std::wstring all;
+  for (auto get : {&ICalibrationInfo::get_CALIBName, &ICalibrationInfo::get_CALIBType,
+                   &ICalibrationInfo::get_CALIBDescription, &ICalibrationInfo::get_CALIBUnitsText}) {
+    IString* text = nullptr;
+    const HRESULT hr = (info->*get)(&text);
+    all += hr < 0 ? L"fail " : text ? L"\"" + Take(text) + L"\" " : L"null ";
+  }
+  return all;
+}
+
 double Convert(ICalibrationInfo* info, int from, double value, int to) {
   double result = -12345.0;
   EXPECT_EQ(info->CALIBUnitsConvert(from, value, to, &result), S_OK);
@@ -18,22 +31,16 @@ double Convert(ICalibrationInfo* info, int from, double value, int to) {
 TEST(CalibrationInfoFields, NameAndTypeHaveDefaultsAndOtherNullFieldsFollowTheirOwnRules) {
   Probe probe;
   ICalibrationInfo* info = probe->Info();
-  IString* text = nullptr;
-  EXPECT_EQ(probe->Name(), L"Calibration");
-  ASSERT_EQ(info->get_CALIBType(&text), S_OK);
-  EXPECT_EQ(Take(text), L"Linear");
   // Description and name: a null field is a failure; device and units text: success with null.
-  text = reinterpret_cast<IString*>(0x1);
+  EXPECT_EQ(Texts(info), L"\"Calibration\" \"Linear\" fail null ");
+  IString* text = reinterpret_cast<IString*>(0x1);
   EXPECT_EQ(info->get_CALIBDescription(&text), E_FAIL);
   EXPECT_EQ(text, nullptr);
   IUnknown* device = reinterpret_cast<IUnknown*>(0x1);
   EXPECT_EQ(info->get_CALIBDevice(&device), S_OK);
   EXPECT_EQ(device, nullptr);
-  text = reinterpret_cast<IString*>(0x1);
-  EXPECT_EQ(info->get_CALIBUnitsText(&text), S_OK);
-  EXPECT_EQ(text, nullptr);
   EXPECT_EQ(info->put_CALIBName(nullptr), S_OK);
-  EXPECT_EQ(info->get_CALIBName(&text), E_FAIL);
+  EXPECT_EQ(Texts(info), L"fail \"Linear\" fail null ");
 }
 
 TEST(CalibrationInfoFields, PuttingTheHeldStringKeepsItAlive) {
@@ -89,12 +96,7 @@ TEST(CalibrationInfoXml, LoadKeepsOnlyTheName) {
       L"<Time><DATETIME><Year>2001</Year></DATETIME></Time></Info>");
   ASSERT_TRUE(in);
   EXPECT_EQ(info->Load(in, 0), S_OK);
-  EXPECT_EQ(probe->Name(), L"Left camera");
-  IString* text = nullptr;
-  info->get_CALIBType(&text);
-  EXPECT_EQ(Take(text), L"Linear");
-  info->get_CALIBDescription(&text);
-  EXPECT_EQ(Take(text), L"before");
+  EXPECT_EQ(Texts(info), L"\"Left camera\" \"Linear\" \"before\" null ");
   EXPECT_EQ(probe->Time().Year, 0);
 }
 
@@ -124,25 +126,8 @@ TEST(CalibrationInfoFolder, LoadWithoutKeysLeavesEmptyStringsNotNull) {
   SmartPtr<IFolderStream> folder = FolderStream();
   ASSERT_TRUE(folder);
   EXPECT_EQ(info->Load(folder, 0), S_OK);
-  EXPECT_EQ(probe->Name(), L"");
-  IString* text = nullptr;
-  ASSERT_EQ(info->get_CALIBDescription(&text), S_OK);
-  EXPECT_EQ(Take(text), L"");
-  ASSERT_EQ(info->get_CALIBUnitsText(&text), S_OK);
-  EXPECT_EQ(Take(text), L"");
+  EXPECT_EQ(Texts(info), L"\"\" \"\" \"\" \"\" ");
   int units = 0;
   info->get_CALIBUnits(&units);
   EXPECT_EQ(units, 3);
-}
-
-TEST(CalibrationInfoStreams, NullOrUnknownStreamFails) {
-  Probe probe;
-  ICalibrationInfo* info = probe->Info();
-  SmartPtr<IDataStream> plain = CreateHostObject<IDataStream>(L"DataStream");
-  ASSERT_TRUE(plain);
-  plain->Open(nullptr, 1000, 1);
-  for (IDataStream* stream : {static_cast<IDataStream*>(nullptr), plain.get()}) {
-    EXPECT_EQ(info->Save(stream, 0), E_FAIL);
-    EXPECT_EQ(info->Load(stream, 0), E_FAIL);
-  }
 }

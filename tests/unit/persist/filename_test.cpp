@@ -132,17 +132,15 @@ TEST(FileNameRegistry, SectionsAsNamedStrings) {
   ASSERT_EQ(reg->GetSection(Str(L"mappings"), items.Out()), S_OK);
   int count = 0;
   items->get_Count(&count);
-  ASSERT_EQ(count, 2);
-  const wchar_t* names[] = {L"One", L"Three"};
-  const wchar_t* values[] = {L"/1", L"/3=x"};
-  for (int i = 0; i < 2; ++i) {
+  std::wstring all;
+  for (int i = 0; i < count; ++i) {
     IString* name = nullptr;
-    items->get_ItemName(i, &name);
-    EXPECT_EQ(Take(name), names[i]);
     SmartPtr<IUnknown> item;
+    items->get_ItemName(i, &name);
     items->get_Item(i, item.Out());
-    EXPECT_EQ(StreamText(item), values[i]);
+    all += Take(name) + L"=" + StreamText(item) + L";";
   }
+  EXPECT_EQ(all, L"One=/1;Three=/3=x;");  // trimmed, the first of two names in other case
   EXPECT_EQ(reg->GetSection(Str(L"Absent"), items.Out()), E_FAIL);
   IString* value = nullptr;
   EXPECT_EQ(reg->GetValue(Str(L"Mappings"), Str(L"Two"), &value), E_FAIL);

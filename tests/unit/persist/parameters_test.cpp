@@ -4,7 +4,6 @@
 
 #include <string>
 #include <type_traits>
-#include <vector>
 
 #include "persist/ParametersImpl.h"
 #include "tests/unit/persist/PersistTestSupport.h"
@@ -229,18 +228,17 @@ TEST(ParametersItems, AnInputParameterDescriptorOverridesTheValueOnceItHasOne) {
   input.Attach(new CFakeInput());
   Add(p, L"live", V(1), 0, static_cast<IInputParameter*>(input.get()));
   SmartPtr<IVariant> v;
-  EXPECT_EQ(p->get_ItemVariant(0, v.Out()), S_OK);
+  EXPECT_EQ(p->get_ItemVariant(0, v.Out()), S_OK);  // no value from the input yet
   EXPECT_EQ(v->get_Integer(), 1);
   input->m_Value = V(99).get();
   EXPECT_EQ(p->get_ItemVariant(0, v.Out()), S_FALSE);
   EXPECT_EQ(v->get_Integer(), 99);
   // Get reads the stored value unless bit 0 asks for the input's.
-  SmartPtr<IUnknown> value;
-  EXPECT_EQ(p->Get(Str(L"live"), value.Out(), nullptr, nullptr, 0), 0);
-  EXPECT_EQ(QueryAs<IVariant>(value)->get_Integer(), 1);
-  EXPECT_EQ(p->Get(Str(L"live"), value.Out(), nullptr, nullptr, 1), 0);
-  EXPECT_EQ(QueryAs<IVariant>(value)->get_Integer(), 99);
-  EXPECT_EQ(p->getParameter(nullptr, value.Out()), E_POINTER);
+  SmartPtr<IUnknown> stored, given;
+  EXPECT_EQ(p->Get(Str(L"live"), stored.Out(), nullptr, nullptr, 0), 0);
+  EXPECT_EQ(p->Get(Str(L"live"), given.Out(), nullptr, nullptr, 1), 0);
+  EXPECT_EQ(ObjectText(stored) + ObjectText(given), L"(1)(99)");
+  EXPECT_EQ(p->getParameter(nullptr, stored.Out()), E_POINTER);
 }
 
 TEST(ParametersItems, IterateAndGetLeaveWhatTheyDoNotFindAlone) {
@@ -269,8 +267,7 @@ TEST(ParametersItems, IterateAndGetLeaveWhatTheyDoNotFindAlone) {
   EXPECT_EQ(p->Get(V(1), got.Out(), nullptr, nullptr, 2), 1);
   EXPECT_TRUE(SameObject(got, thing));  // unpacked
   EXPECT_EQ(p->Get(Str(L"a"), got.Out(), gotDescriptor.Out(), nullptr, 2), 0);
-  EXPECT_EQ(QueryAs<IVariant>(got)->get_Integer(), 1);  // a number stays a variant
-  EXPECT_EQ(gotDescriptor.get(), nullptr);
+  EXPECT_EQ(ObjectText(got) + ObjectText(gotDescriptor), L"(1)null");  // a number stays a variant
 }
 
 // ------------------------------------------------------------------ Set, Copy, Sort, Remove
