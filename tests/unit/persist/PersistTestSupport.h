@@ -7,6 +7,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -19,12 +22,6 @@ namespace persist_test {
 
 using test_text::Take;
 using test_text::ViewText;
-
-inline std::wstring Trimmed(const std::wstring& text) {
-  const size_t begin = text.find_first_not_of(L" \t\r\n");
-  if (begin == std::wstring::npos) return std::wstring();
-  return text.substr(begin, text.find_last_not_of(L" \t\r\n") - begin + 1);
-}
 
 inline SmartPtr<IString> Str(const wchar_t* text) {
   SmartPtr<IString> s;
@@ -40,15 +37,27 @@ inline std::wstring StreamText(IUnknown* stream) {
   return Take(text.get());
 }
 
-// A host XML stream over `text` (read), or empty for writing when `text` is null.
-inline SmartPtr<IXMLStreamEx> XmlStream(const wchar_t* text) {
+// XML text without its line ends and indentation, for comparing with one line.
+inline std::wstring Flat(const std::wstring& text) { return std::regex_replace(text, std::wregex(L"\r\n *"), L""); }
+
+// A host XML stream, empty for writing.
+inline SmartPtr<IXMLStreamEx> XmlStream() {
   SmartPtr<IXMLStreamEx> xml = CreateHostObject<IXMLStreamEx>(L"XMLStreamEx");
-  if (!xml) return xml;
-  if (text)
-    xml->Attach(const_cast<wchar_t*>(text), std::wcslen(text) * sizeof(wchar_t), 0);
-  else
-    xml->Attach(nullptr, 0, 0);
+  if (xml) xml->Attach(nullptr, 0, 0);
   return xml;
+}
+
+// A host XML stream over `text` (kept alive by the caller), at the content of its one
+// top-level element.
+inline SmartPtr<IDataStream> XmlContent(const std::wstring& text) {
+  SmartPtr<IXMLStream> reader = CreateHostObject<IXMLStream>(L"XMLStream");
+  if (!reader) return SmartPtr<IDataStream>();
+  reader->Attach(const_cast<wchar_t*>(text.c_str()), static_cast<unsigned long>(text.size() * sizeof(wchar_t)), 0);
+  tagREFString tag{0, nullptr}, name{0, nullptr};
+  SmartPtr<IUnknown> content;
+  if (reader->NextTag(&tag) < 0 || reader->ReadElement(tag.m_Length, tag.m_Text, &name, content.Out(), 0) < 0)
+    return SmartPtr<IDataStream>();
+  return QueryAs<IDataStream>(content);
 }
 
 inline SmartPtr<IFolderStream> FolderStream() {
@@ -79,11 +88,7 @@ class ScratchFolder {
   }
   std::string Write(const std::string& name, const std::string& bytes) {
     const std::string path = File(name);
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (f) {
-      std::fwrite(bytes.data(), 1, bytes.size(), f);
-      std::fclose(f);
-    }
+    std::ofstream(path, std::ios::binary) << bytes;
     return path;
   }
   const std::string& Path() const { return m_Path; }
@@ -94,39 +99,19 @@ class ScratchFolder {
 };
 
 inline std::string ReadBytes(const std::string& path) {
-  std::string bytes;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) return "<missing>";
-  char chunk[4096];
-  size_t got;
-  while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.append(chunk, got);
-  std::fclose(f);
-  return bytes;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "<missing>";
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 inline std::wstring Wide(const std::string& ascii) { return std::wstring(ascii.begin(), ascii.end()); }
 
 // Points ZELTRIM_REGISTRY at a settings file for the life of the object.
-class RegistryFile {
- public:
+struct RegistryFile {
   RegistryFile(ScratchFolder& folder, const std::string& text) {
-    const char* old = std::getenv("ZELTRIM_REGISTRY");
-    m_HadOld = old != nullptr;
-    if (old) m_Old = old;
     setenv("ZELTRIM_REGISTRY", folder.Write("zeltrim.ini", text).c_str(), 1);
   }
-  ~RegistryFile() {
-    if (m_HadOld)
-      setenv("ZELTRIM_REGISTRY", m_Old.c_str(), 1);
-    else
-      unsetenv("ZELTRIM_REGISTRY");
-  }
-  RegistryFile(const RegistryFile&) = delete;
-  RegistryFile& operator=(const RegistryFile&) = delete;
-
- private:
-  bool m_HadOld = false;
-  std::string m_Old;
+  ~RegistryFile() { unsetenv("ZELTRIM_REGISTRY"); }
 };
 
 // A calibration-like object made of the templates: the info block is its whole content.
@@ -138,13 +123,6 @@ class CPersistProbe : public CObject<CPersistProbe>,
  public:
   ZELTRIM_OBJECT_REFCOUNT
   static const tagREFString m_ObjectName;
-
-  // A new probe with one reference.
-  static CPersistProbe* Create() {
-    CPersistProbe* probe = new CPersistProbe();
-    probe->m_RefCount = 1;
-    return probe;
-  }
 
   HRESULT QueryInterface(const IID& iid, void** object) override {
     if (!object) return E_POINTER;
@@ -160,7 +138,6 @@ class CPersistProbe : public CObject<CPersistProbe>,
 
   // One implementation behind IDataPersist and ICalibrationInfo.
   HRESULT Save(IDataStream* stream, int options) override {
-    ++m_Saves;
     return ICALIBRATIONInfoImpl<CPersistProbe>::Save(stream, options);
   }
   HRESULT Load(IDataStream* stream, int options) override {
@@ -172,15 +149,15 @@ class CPersistProbe : public CObject<CPersistProbe>,
   HRESULT SaveFile() { return IFileArchiveImpl<CPersistProbe>::Save(); }
   HRESULT LoadFile() { return IFileArchiveImpl<CPersistProbe>::Load(); }
 
-  void SetFilter(const wchar_t* text) {
-    SmartPtr<IString> filter = Str(text);
-    ArchiveStore(m_Filter, filter.get());
-  }
   CDateTimer& Time() { return m_CALIBTime; }
   IFileArchive* Archive() { return this; }
   ICalibrationInfo* Info() { return this; }
+  std::wstring Name() {
+    IString* text = nullptr;
+    get_CALIBName(&text);
+    return Take(text);
+  }
 
-  int m_Saves = 0;
   int m_Loads = 0;
   int m_LastLoadOptions = -1;
 };
@@ -189,7 +166,7 @@ inline const tagREFString CPersistProbe::m_ObjectName = {12, L"PersistProbe"};
 
 // Owns one reference to a new probe.
 struct Probe {
-  Probe() : p(CPersistProbe::Create()) {}
+  Probe() : p(new CPersistProbe()) {}  // born with one reference
   ~Probe() { p->Release(); }
   Probe(const Probe&) = delete;
   Probe& operator=(const Probe&) = delete;
