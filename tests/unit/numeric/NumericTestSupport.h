@@ -1,11 +1,10 @@
 // Helpers shared by the numeric kernel tests: seeded random matrices, small dense
-// products, and test-local host objects (a wide string, points and a point collection).
+// products, and test-local host objects (points and a point collection).
 #pragma once
 
 #include <cmath>
 #include <deque>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "frame/HostInterfaces.h"
@@ -67,36 +66,6 @@ class LocalObject : public I {
 
  protected:
   int refs_ = 1;
-};
-
-class LocalString : public LocalObject<ICreatableString> {
- public:
-  HRESULT QueryInterface(const IID& iid, void** out) override {
-    if (iid == IID_IUnknown || iid == IID_IString || iid == IID_ICreatableString) {
-      *out = static_cast<ICreatableString*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-  }
-  HRESULT GetString(const wchar_t** text, int* length) override {
-    *text = text_.c_str();
-    *length = static_cast<int>(text_.size());
-    return S_OK;
-  }
-  HRESULT SetString(int length, const wchar_t* text) override {
-    text_.assign(text, static_cast<size_t>(length));
-    return S_OK;
-  }
-  HRESULT Append(int length, const wchar_t* text) override {
-    text_.append(text, static_cast<size_t>(length));
-    return S_OK;
-  }
-  const std::wstring& Text() const { return text_; }
-
- private:
-  std::wstring text_;
 };
 
 class LocalPoint : public LocalObject<IPoint> {
