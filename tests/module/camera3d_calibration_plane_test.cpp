@@ -58,22 +58,11 @@ P Locate(ICamera3DCalibrationPlane* o, P u, HRESULT expected = S_OK) {
   return u;
 }
 
-// World points on the plane n . X + d = 0 (n a unit vector), spread about its foot point.
+// World points on the plane n . X + d = 0 (n[2] not 0) over a grid of X and Y.
 std::vector<P> OnPlane(const double n[3], double d) {
-  // Two directions in the plane: n x e and n x (n x e), e the axis least along n.
-  double e[3] = {0, 0, 0};
-  e[std::fabs(n[0]) < std::fabs(n[1]) ? (std::fabs(n[0]) < std::fabs(n[2]) ? 0 : 2) : (std::fabs(n[1]) < std::fabs(n[2]) ? 1 : 2)] = 1;
-  const double u[3] = {n[1] * e[2] - n[2] * e[1], n[2] * e[0] - n[0] * e[2], n[0] * e[1] - n[1] * e[0]};
-  const double v[3] = {n[1] * u[2] - n[2] * u[1], n[2] * u[0] - n[0] * u[2], n[0] * u[1] - n[1] * u[0]};
   std::vector<P> points;
-  for (double s : {-1.5, -0.4, 0.7, 1.9})
-    for (double t : {-1.2, 0.3, 1.6}) {
-      P w;
-      w.x = -d * n[0] + s * u[0] + t * v[0];
-      w.y = -d * n[1] + s * u[1] + t * v[1];
-      w.z = -d * n[2] + s * u[2] + t * v[2];
-      points.push_back(w);
-    }
+  for (double x : {-1.5, -0.4, 0.7, 1.9})
+    for (double y : {-1.2, 0.3, 1.6}) points.push_back({x, y, -(d + n[0] * x + n[1] * y) / n[2]});
   return points;
 }
 
