@@ -215,7 +215,8 @@ TEST(Camera3DTrinsic, MaxErrorIsTheLastViewsOddlyAndSdErrorCoversAllPointsWithNM
   EXPECT_EQ(fitted.error2, fitted.error);
   EXPECT_LT(fitted.error, worst);  // the worst view's maximum is not what is reported
   EXPECT_NEAR(fitted.sd, std::sqrt(squares / (5.0 * n - 1.0)), 1e-9);
-  // Mode 2 kept the intrinsics of the mode 1 fit.
+  // Mode 2 kept the intrinsics of the mode 1 fit, also when given views enough to solve them.
+  EXPECT_EQ(Fit(camera, std::vector<P>(image.begin(), image.begin() + static_cast<long>(3 * n)), model, 2), S_OK);
   EXPECT_EQ(Matrix(camera, 1), a);
   EXPECT_EQ(Parameter(camera, L"fSx"), a[0]);
 
