@@ -3,15 +3,13 @@
 // height of the pseudo-inverse route and its flag; the forwarded and the stored fit; the
 // plane's model function on stored views; the file forms. Interfaces, references, pages
 // and the common file checks: the property suite.
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
 
-#include "tests/module/PropertySuite.h"
+#include "tests/module/CameraTestSupport.h"
 
 namespace {
 
@@ -20,46 +18,9 @@ constexpr double kExactResidual = 1e-9;  // the model function's residuals of ex
 constexpr double kRevertPixels = 1e-6;   // image -> world -> image
 constexpr double kXmlWorld = 1e-5;       // through a camera whose XML form keeps six decimals
 
-// P = K [R | t] by rows: a camera 10 units from the origin, looking at it.
-struct Camera {
-  double k[3][3] = {{800, 0.5, 320}, {0, 780, 240}, {0, 0, 1}};
-  double r[3][3];
-  double t[3] = {0.3, -0.2, 10.0};
-  double p[3][4];
-  Camera() {
-    const double a = 0.2, b = -0.3, c = 0.1;  // R = Rz(c) Ry(b) Rx(a)
-    const double rotation[3][3] = {
-        {std::cos(c) * std::cos(b), std::cos(c) * std::sin(b) * std::sin(a) - std::sin(c) * std::cos(a),
-         std::cos(c) * std::sin(b) * std::cos(a) + std::sin(c) * std::sin(a)},
-        {std::sin(c) * std::cos(b), std::sin(c) * std::sin(b) * std::sin(a) + std::cos(c) * std::cos(a),
-         std::sin(c) * std::sin(b) * std::cos(a) - std::cos(c) * std::sin(a)},
-        {-std::sin(b), std::cos(b) * std::sin(a), std::cos(b) * std::cos(a)}};
-    for (int i = 0; i < 3; ++i)
-      for (int j = 0; j < 3; ++j) r[i][j] = rotation[i][j];
-    for (int i = 0; i < 3; ++i)
-      for (int j = 0; j < 4; ++j) {
-        double sum = 0;
-        for (int m = 0; m < 3; ++m) sum += k[i][m] * (j < 3 ? r[m][j] : t[m]);
-        p[i][j] = sum;
-      }
-  }
-  P Image(const P& w) const {
-    const double d = p[2][0] * w.x + p[2][1] * w.y + p[2][2] * w.z + p[2][3];
-    return {(p[0][0] * w.x + p[0][1] * w.y + p[0][2] * w.z + p[0][3]) / d,
-            (p[1][0] * w.x + p[1][1] * w.y + p[1][2] * w.z + p[1][3]) / d, 0};
-  }
-};
+using namespace camera_test;
 
-// Writes P into a camera's live matrix, which is held by columns.
-template <class I>
-SmartPtr<I> CameraOf(const wchar_t* name, const double (&p)[3][4]) {
-  SmartPtr<I> camera = LoadedModule::Get().Create<I>(name);
-  double* m = nullptr;
-  SmartPtr<ICamera3DTransform>(camera.get())->GetMatrix(&m, nullptr, nullptr);
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 4; ++c) m[3 * c + r] = p[r][c];
-  return camera;
-}
+const View kTruth;
 
 SmartPtr<ICamera3DCalibrationPlane> NewLocator(ICamera3DTransform* camera) {
   SmartPtr<ICamera3DCalibrationPlane> o = LoadedModule::Get().Create<ICamera3DCalibrationPlane>(L"Camera3DCalibrationPlane");
@@ -73,6 +34,19 @@ SmartPtr<IPlane> PlaneOf(ICamera3DCalibrationPlane* o) {
   return QueryAs<IPlane>(held);
 }
 
+std::vector<double> Coefficients(ICamera3DCalibrationPlane* o) {
+  double a = NAN, b = NAN, c = NAN, d = NAN;
+  PlaneOf(o)->GetCoefficients(&a, &b, &c, &d);
+  return {a, b, c, d};
+}
+
+// The year of the calibration time, which a fit stamps.
+short YearOf(IUnknown* o) {
+  short day = 0, month = 0, year = 0, hour = 0, minute = 0;
+  QueryAs<ICalibrationInfo>(o)->GetCalibrationTime(&day, &month, &year, &hour, &minute);
+  return year;
+}
+
 void SetNegate(IUnknown* o, int negate) {
   ParameterList list;
   list.Number(L"Negate", negate);
@@ -84,39 +58,20 @@ P Locate(ICamera3DCalibrationPlane* o, P u, HRESULT expected = S_OK) {
   return u;
 }
 
-#define EXPECT_POINT_NEAR(a, b, tolerance) \
-  do {                                     \
-    EXPECT_NEAR((a).x, (b).x, tolerance);  \
-    EXPECT_NEAR((a).y, (b).y, tolerance);  \
-    EXPECT_NEAR((a).z, (b).z, tolerance);  \
-  } while (0)
-
-// World points on the plane n . X + d = 0 (n a unit vector), spread about its foot point.
+// World points on the plane n . X + d = 0 (n[2] not 0) over a grid of X and Y.
 std::vector<P> OnPlane(const double n[3], double d) {
-  // Two directions in the plane: n x e and n x (n x e), e the axis least along n.
-  double e[3] = {0, 0, 0};
-  e[std::fabs(n[0]) < std::fabs(n[1]) ? (std::fabs(n[0]) < std::fabs(n[2]) ? 0 : 2) : (std::fabs(n[1]) < std::fabs(n[2]) ? 1 : 2)] = 1;
-  const double u[3] = {n[1] * e[2] - n[2] * e[1], n[2] * e[0] - n[0] * e[2], n[0] * e[1] - n[1] * e[0]};
-  const double v[3] = {n[1] * u[2] - n[2] * u[1], n[2] * u[0] - n[0] * u[2], n[0] * u[1] - n[1] * u[0]};
   std::vector<P> points;
-  for (double s : {-1.5, -0.4, 0.7, 1.9})
-    for (double t : {-1.2, 0.3, 1.6}) {
-      P w;
-      w.x = -d * n[0] + s * u[0] + t * v[0];
-      w.y = -d * n[1] + s * u[1] + t * v[1];
-      w.z = -d * n[2] + s * u[2] + t * v[2];
-      points.push_back(w);
-    }
+  for (double x : {-1.5, -0.4, 0.7, 1.9})
+    for (double y : {-1.2, 0.3, 1.6}) points.push_back({x, y, -(d + n[0] * x + n[1] * y) / n[2]});
   return points;
 }
 
 TEST(Camera3DCalibrationPlane, ImagePointsOfTheGroundPlaneComeBackToRounding) {
-  const Camera truth;
-  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTransform>(L"Camera3DTransform", truth.p));
+  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(TransformCamera(kTruth));
   const double up[3] = {0, 0, 1};
   for (const P& w : OnPlane(up, 0.0)) {
-    const P located = Locate(o, truth.Image(w));
-    EXPECT_POINT_NEAR(located, w, kExactWorld);
+    const P located = Locate(o, kTruth.Image(w));
+    ExpectNear(located, w, kExactWorld);
   }
 }
 
@@ -124,33 +79,31 @@ TEST(Camera3DCalibrationPlane, ImagePointsOfTheGroundPlaneComeBackToRounding) {
 // corrects by negating the whole point, so the point lands on n . X - d = 0: a plane is
 // met with the sign of its offset reversed.
 TEST(Camera3DCalibrationPlane, ATiltedPlaneIsMetWithTheSignOfItsOffsetReversed) {
-  const Camera truth;
-  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTransform>(L"Camera3DTransform", truth.p));
+  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(TransformCamera(kTruth));
   const double length = std::sqrt(0.3 * 0.3 + 0.2 * 0.2 + 1.0);
   const double n[3] = {0.3 / length, -0.2 / length, 1.0 / length}, d = -1.5;
   const std::vector<P> world = OnPlane(n, d);
   // Given with its offset negated (and a normal of length 2), the plane gives the points back.
   ASSERT_EQ(PlaneOf(o)->SetCoefficients(2 * n[0], 2 * n[1], 2 * n[2], -2 * d), S_OK);
-  for (const P& w : world) EXPECT_POINT_NEAR(Locate(o, truth.Image(w)), w, kExactWorld);
+  for (const P& w : world) ExpectNear(Locate(o, kTruth.Image(w)), w, kExactWorld);
   // Given as it is, the points lie on the same rays and on n . X - d = 0.
   ASSERT_EQ(PlaneOf(o)->SetCoefficients(n[0], n[1], n[2], d), S_OK);
   for (const P& w : world) {
-    const P u = truth.Image(w);
+    const P u = kTruth.Image(w);
     const P located = Locate(o, u);
     EXPECT_NEAR(n[0] * located.x + n[1] * located.y + n[2] * located.z - d, 0.0, kExactWorld);
-    EXPECT_POINT_NEAR(truth.Image(located), u, kRevertPixels);
+    ExpectNear(kTruth.Image(located), u, kRevertPixels);
   }
 }
 
 TEST(Camera3DCalibrationPlane, NegateZeroGivesTheRawSolutionMirroredThroughTheOrigin) {
-  const Camera truth;
-  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTransform>(L"Camera3DTransform", truth.p));
+  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(TransformCamera(kTruth));
   ASSERT_EQ(PlaneOf(o)->SetCoefficients(0, 0, 1, -0.5), S_OK);  // met at Z = -0.5
-  const P w{0.8, -0.6, -0.5}, u = truth.Image(w);
-  EXPECT_POINT_NEAR(Locate(o, u), w, kExactWorld);
+  const P w{0.8, -0.6, -0.5}, u = kTruth.Image(w);
+  ExpectNear(Locate(o, u), w, kExactWorld);
   SetNegate(o, 0);
   const P raw = Locate(o, u);
-  EXPECT_POINT_NEAR(raw, (P{-w.x, -w.y, -w.z}), kExactWorld);
+  ExpectNear(raw, (P{-w.x, -w.y, -w.z}), kExactWorld);
   EXPECT_EQ(Parameter(o, L"Negate"), 0.0);
 }
 
@@ -162,14 +115,14 @@ TEST(Camera3DCalibrationPlane, APlaneHoldingTheRayGivesTheRaysPointNearestTheOri
   SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTransform>(L"Camera3DTransform", kOffsetCamera));
   // X = 2, with the offset reversed as the module meets it: (1, 0, 0, 2).
   ASSERT_EQ(PlaneOf(o)->SetCoefficients(1, 0, 0, 2), S_OK);
-  EXPECT_POINT_NEAR(Locate(o, P{0, 0, 0}), (P{2, 3, 0}), kExactWorld);
+  ExpectNear(Locate(o, P{0, 0, 0}), (P{2, 3, 0}), kExactWorld);
   // Any plane through the ray: 3 X + 4 Y = 18, met as (3, 4, 0, 18).
   ASSERT_EQ(PlaneOf(o)->SetCoefficients(3, 4, 0, 18), S_OK);
-  EXPECT_POINT_NEAR(Locate(o, P{0, 0, 0}), (P{2, 3, 0}), kExactWorld);
+  ExpectNear(Locate(o, P{0, 0, 0}), (P{2, 3, 0}), kExactWorld);
   // Off the singular system: the plane Z = 15, met as (0, 0, 1, 15). The ray of
   // (0.1, 0.2) reaches it at X = 2 + 0.1 * 20, Y = 3 + 0.2 * 20.
   ASSERT_EQ(PlaneOf(o)->SetCoefficients(0, 0, 1, 15), S_OK);
-  EXPECT_POINT_NEAR(Locate(o, P{0.1, 0.2, 0}), (P{4, 7, 15}), kExactWorld);
+  ExpectNear(Locate(o, P{0.1, 0.2, 0}), (P{4, 7, 15}), kExactWorld);
 }
 
 // The system's third column is zero, so a singular value is exactly 0 and its column of V
@@ -186,33 +139,31 @@ TEST(Camera3DCalibrationPlane, AZeroSingularValueLeavesItsColumnUndividedAsDelib
 }
 
 TEST(Camera3DCalibrationPlane, PseudoInverseRouteOfATrinsicCameraTakesTheFixedHeight) {
-  const Camera truth;
-  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTrinsic>(L"Camera3DTrinsic", truth.p));
+  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTrinsic>(L"Camera3DTrinsic", kTruth.p));
   EXPECT_EQ(o->IsUsingPseudoInverse(), 0);
   EXPECT_EQ(o->UsePseudoInverse(1), S_OK);
   EXPECT_EQ(o->IsUsingPseudoInverse(), 1);
   // Plane or no plane: the point of the ray at Z = -0.001, exactly.
   ASSERT_EQ(o->put_Plane(nullptr), S_OK);
   const P w{0.4, 1.1, -0.001};
-  const P located = Locate(o, truth.Image(w));
+  const P located = Locate(o, kTruth.Image(w));
   EXPECT_EQ(located.z, -0.001);
-  EXPECT_POINT_NEAR(located, w, kExactWorld);
+  ExpectNear(located, w, kExactWorld);
   SetNegate(o, 0);
-  EXPECT_EQ(Locate(o, truth.Image(w)).z, 0.001);
+  EXPECT_EQ(Locate(o, kTruth.Image(w)).z, 0.001);
   // Cleared, the plane route needs the plane it no longer has.
   EXPECT_EQ(o->UsePseudoInverse(0), S_OK);
   EXPECT_EQ(o->IsUsingPseudoInverse(), 0);
-  Locate(o, truth.Image(w), E_FAIL);
+  Locate(o, kTruth.Image(w), E_FAIL);
 }
 
 TEST(Camera3DCalibrationPlane, PseudoInverseFlagOfAPlainCameraIsKeptButNotUsed) {
-  const Camera truth;
-  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTransform>(L"Camera3DTransform", truth.p));
+  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(TransformCamera(kTruth));
   EXPECT_EQ(o->UsePseudoInverse(1), E_FAIL);
   EXPECT_EQ(o->IsUsingPseudoInverse(), E_FAIL);
   EXPECT_EQ(Parameter(o, L"UsePseudoInverse"), 1.0);
   const P w{0.4, 1.1, 0};
-  EXPECT_POINT_NEAR(Locate(o, truth.Image(w)), w, kExactWorld);  // the plane Z = 0
+  ExpectNear(Locate(o, kTruth.Image(w)), w, kExactWorld);  // the plane Z = 0
   // Without a camera the flag is stored all the same.
   o->SetReverseTransform(nullptr);
   EXPECT_EQ(o->UsePseudoInverse(2), E_FAIL);
@@ -268,40 +219,23 @@ TEST(Camera3DCalibrationPlane, PlaneIsLentAndCameraIsHandedOutWithAReference) {
 
 // ------------------------------------------------------------------ the fit
 
-// `count` world points in a box and their exact images.
-void Scene(int count, std::vector<P>* image, std::vector<P>* world, unsigned seed) {
-  const Camera camera;
-  std::mt19937 random(seed);
-  std::uniform_real_distribution<double> box(-2.0, 2.0);
-  for (int i = 0; i < count; ++i) {
-    world->push_back({box(random), box(random), box(random)});
-    image->push_back(camera.Image(world->back()));
-  }
-}
-
 TEST(Camera3DCalibrationPlane, AFitGoesToTheCameraAndItsErrorsComeBack) {
   std::vector<P> image, world;
-  Scene(20, &image, &world, 5);
+  Scene(kTruth, 20, &image, &world, 0, 5);
   SmartPtr<ICamera3DTransform> camera = LoadedModule::Get().Create<ICamera3DTransform>(L"Camera3DTransform");
   SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(camera);
   ASSERT_EQ(o->BestFit(Points(image), Points(world), 0), S_OK);
-  const Camera truth;
   const P w{0.3, -0.7, 0};
-  EXPECT_POINT_NEAR(Locate(o, truth.Image(w)), w, kExactWorld);
-  double mine[3] = {-1, -1, -1}, its[3] = {-2, -2, -2};
-  ASSERT_EQ(o->GetFitErrors(&mine[0], &mine[1], &mine[2]), S_OK);
-  QueryAs<ITransformFitErrors>(camera)->GetFitErrors(&its[0], &its[1], &its[2]);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(mine[i], its[i]);
-  short day = 0, month = 0, year = 0, hour = 0, minute = 0;
-  QueryAs<ICalibrationInfo>(o)->GetCalibrationTime(&day, &month, &year, &hour, &minute);
-  EXPECT_GT(year, 2000) << "a fit stamps the time";
+  ExpectNear(Locate(o, kTruth.Image(w)), w, kExactWorld);
+  const FitErrors mine = ErrorsOf(o), its = ErrorsOf(camera);
+  EXPECT_EQ((std::vector<double>{mine.error2, mine.error, mine.sd}), (std::vector<double>{its.error2, its.error, its.sd}));
+  EXPECT_GT(YearOf(o), 2000) << "a fit stamps the time";
 }
 
 TEST(Camera3DCalibrationPlane, FlagsOf153OnlyKeepTheViews) {
   std::vector<P> image, world;
-  Scene(20, &image, &world, 5);
-  const Camera truth;
-  SmartPtr<ICamera3DTransform> camera = CameraOf<ICamera3DTransform>(L"Camera3DTransform", truth.p);
+  Scene(kTruth, 20, &image, &world, 0, 5);
+  SmartPtr<ICamera3DTransform> camera = TransformCamera(kTruth);
   SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(camera);
   const std::vector<double> before = MatrixOf(camera);
   SmartPtr<ISimpleCollection> a = Points(image), b = Points(world);
@@ -309,9 +243,7 @@ TEST(Camera3DCalibrationPlane, FlagsOf153OnlyKeepTheViews) {
   EXPECT_EQ(MatrixOf(camera), before);
   EXPECT_EQ(RefCount(a), 2);
   EXPECT_EQ(RefCount(b), 2);
-  short day = 0, month = 0, year = 0, hour = 0, minute = 0;
-  QueryAs<ICalibrationInfo>(o)->GetCalibrationTime(&day, &month, &year, &hour, &minute);
-  EXPECT_GT(year, 2000);
+  EXPECT_GT(YearOf(o), 2000);
   // Another call replaces them; no collection is refused.
   EXPECT_EQ(o->BestFit(nullptr, nullptr, 153), E_POINTER);
   EXPECT_EQ(RefCount(a), 1);
@@ -320,22 +252,17 @@ TEST(Camera3DCalibrationPlane, FlagsOf153OnlyKeepTheViews) {
 
 // ------------------------------------------------------------------ the model function
 
-typedef void (*Evaluate)(const double*, int, const void*, double*, int*);
-
-Evaluate PlaneModelFunction() {
-  return reinterpret_cast<Evaluate>(dlsym(LoadedModule::Get().module, "CCamera3DCalibrationPlane_LevenbergMarquardt_Evaluate"));
-}
+Evaluate PlaneModelFunction() { return ModelFunction("CCamera3DCalibrationPlane_LevenbergMarquardt_Evaluate"); }
 
 // A 4 x 3 board (z = 0 in its own frame) seen in three views, each the board moved by
 // `shift` and lifted to the height `height`; image points view after view.
 const P kShifts[] = {{0.4, -0.3, 0}, {-0.8, 0.5, 0}, {1.1, 0.9, 0}};
 
 void BoardViews(double height, std::vector<P>* image, std::vector<P>* model) {
-  const Camera truth;
   for (int i = 0; i < 4; ++i)
     for (int j = 0; j < 3; ++j) model->push_back({-0.9 + 0.6 * i, -0.5 + 0.45 * j, 0});
   for (const P& shift : kShifts)
-    for (const P& m : *model) image->push_back(truth.Image({m.x + shift.x, m.y + shift.y, height}));
+    for (const P& m : *model) image->push_back(kTruth.Image({m.x + shift.x, m.y + shift.y, height}));
 }
 
 // Converted onto the right plane, a view is the board moved by the shift and the height:
@@ -344,8 +271,7 @@ void BoardViews(double height, std::vector<P>* image, std::vector<P>* model) {
 TEST(Camera3DCalibrationPlane, ModelFunctionGivesEachViewsOffsetForTheRightPlane) {
   const Evaluate evaluate = PlaneModelFunction();
   ASSERT_NE(evaluate, nullptr);
-  const Camera truth;
-  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTransform>(L"Camera3DTransform", truth.p));
+  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(TransformCamera(kTruth));
   for (double height : {0.0, 0.7}) {
     SCOPED_TRACE(height);
     std::vector<P> image, model;
@@ -362,10 +288,7 @@ TEST(Camera3DCalibrationPlane, ModelFunctionGivesEachViewsOffsetForTheRightPlane
       EXPECT_NEAR(residuals[i], std::sqrt(s.x * s.x + s.y * s.y + height * height), kExactResidual) << i;
     }
     // The plane stays as set, its normal normalised and its offset as given.
-    double a, b, c, d;
-    PlaneOf(o)->GetCoefficients(&a, &b, &c, &d);
-    EXPECT_EQ(c, 1.0);
-    EXPECT_EQ(d, height);
+    EXPECT_EQ(Coefficients(o), (std::vector<double>{0, 0, 1, height}));
   }
 }
 
@@ -375,8 +298,7 @@ TEST(Camera3DCalibrationPlane, ModelFunctionGivesEachViewsOffsetForTheRightPlane
 TEST(Camera3DCalibrationPlane, ModelFunctionMatchesAnIndependentEvaluationForATiltedPlane) {
   const Evaluate evaluate = PlaneModelFunction();
   ASSERT_NE(evaluate, nullptr);
-  const Camera truth;
-  SmartPtr<ICamera3DTrinsic> trinsic = CameraOf<ICamera3DTrinsic>(L"Camera3DTrinsic", truth.p);
+  SmartPtr<ICamera3DTrinsic> trinsic = CameraOf<ICamera3DTrinsic>(L"Camera3DTrinsic", kTruth.p);
   SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(trinsic);
   EXPECT_EQ(o->UsePseudoInverse(1), S_OK);  // cleared by the model function
   std::vector<P> image, model;
@@ -397,8 +319,8 @@ TEST(Camera3DCalibrationPlane, ModelFunctionMatchesAnIndependentEvaluationForATi
       const P& u = image[view * n + i];
       double m[3][4];
       for (int c = 0; c < 4; ++c) {
-        m[0][c] = truth.p[0][c] - u.x * truth.p[2][c];
-        m[1][c] = truth.p[1][c] - u.y * truth.p[2][c];
+        m[0][c] = kTruth.p[0][c] - u.x * kTruth.p[2][c];
+        m[1][c] = kTruth.p[1][c] - u.y * kTruth.p[2][c];
         m[2][c] = plane[c];
       }
       auto det = [&m](int x, int y, int z) {
@@ -428,8 +350,7 @@ TEST(Camera3DCalibrationPlane, ModelFunctionMatchesAnIndependentEvaluationForATi
 TEST(Camera3DCalibrationPlane, ModelFunctionWritesNothingWithoutViewsAndNothingBeyondItsCount) {
   const Evaluate evaluate = PlaneModelFunction();
   ASSERT_NE(evaluate, nullptr);
-  const Camera truth;
-  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf<ICamera3DTransform>(L"Camera3DTransform", truth.p));
+  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(TransformCamera(kTruth));
   const double p[4] = {0, 0, 1, 0};
   std::vector<double> residuals(40, -1.0);
   evaluate(p, 40, QueryAs<IUnknown>(o).get(), residuals.data(), nullptr);
@@ -448,9 +369,7 @@ TEST(Camera3DCalibrationPlane, ModelFunctionWritesNothingWithoutViewsAndNothingB
 // ------------------------------------------------------------------ files
 
 SmartPtr<ICamera3DCalibrationPlane> Prepared(const wchar_t* cameraClass) {
-  const Camera truth;
-  SmartPtr<ICamera3DCalibrationPlane> o =
-      NewLocator(CameraOf<ICamera3DTransform>(cameraClass, truth.p));
+  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(CameraOf(cameraClass, kTruth.p));
   PlaneOf(o)->SetCoefficients(0.2, 0.1, 1, -0.4);
   return o;
 }
@@ -463,11 +382,9 @@ TEST(Camera3DCalibrationPlane, FolderFormKeepsTheCameraOfEitherClassAndThePlane)
     ASSERT_EQ(Archive(loaded, path, false), S_OK);
     SmartPtr<ITransform> camera;
     ASSERT_EQ(loaded->GetReverseTransform(camera.Out()), S_OK);
-    tagREFString name{0, nullptr};
-    QueryAs<IObjectInfo>(camera)->GetName(0, &name);
-    EXPECT_EQ(std::wstring(name.m_Text, name.m_Length), cameraClass);
+    EXPECT_EQ(NameOf(camera), cameraClass);
     const P u{300, 200, 0};
-    EXPECT_POINT_NEAR(Locate(loaded, u), Locate(saved, u), 0.0);
+    ExpectNear(Locate(loaded, u), Locate(saved, u), 0.0);
     std::remove(path.c_str());
   }
 }
@@ -479,15 +396,10 @@ TEST(Camera3DCalibrationPlane, XmlFormKeepsThePlaneButLosesTheCameraAsDeliberate
   const std::string path = TempPath("plane.xml");
   ASSERT_EQ(Archive(saved, path, true), S_OK);
   ASSERT_EQ(Archive(loaded, path, false), S_OK);
-  double a, b, c, d, a2, b2, c2, d2;
-  PlaneOf(saved)->GetCoefficients(&a, &b, &c, &d);
-  PlaneOf(loaded)->GetCoefficients(&a2, &b2, &c2, &d2);
-  EXPECT_EQ(std::vector<double>({a, b, c, d}), std::vector<double>({a2, b2, c2, d2}));
+  EXPECT_EQ(Coefficients(loaded), Coefficients(saved));
   SmartPtr<ITransform> camera;
   ASSERT_EQ(loaded->GetReverseTransform(camera.Out()), S_OK);
-  tagREFString name{0, nullptr};
-  QueryAs<IObjectInfo>(camera)->GetName(0, &name);
-  EXPECT_EQ(std::wstring(name.m_Text, name.m_Length), L"Camera3DTransform");
+  EXPECT_EQ(NameOf(camera), L"Camera3DTransform");
   EXPECT_EQ(MatrixOf(camera), std::vector<double>(12, 0.0));
   std::remove(path.c_str());
 }
@@ -495,15 +407,7 @@ TEST(Camera3DCalibrationPlane, XmlFormKeepsThePlaneButLosesTheCameraAsDeliberate
 // An element naming its object inside "Transform" is how a camera does come back by XML.
 TEST(Camera3DCalibrationPlane, XmlTransformHoldingAnObjectElementLoadsThatCamera) {
   // A camera that knows its parts, since its XML form rebuilds P from them.
-  const Camera truth;
-  SmartPtr<ICamera3DTrinsic> trinsic = LoadedModule::Get().Create<ICamera3DTrinsic>(L"Camera3DTrinsic");
-  double *a = nullptr, *e = nullptr;
-  trinsic->GetMatrix(1, &a, nullptr, nullptr);
-  trinsic->GetMatrix(2, &e, nullptr, nullptr);
-  for (int c = 0; c < 3; ++c)
-    for (int r = 0; r < 3; ++r) a[3 * c + r] = truth.k[r][c], e[4 * c + r] = truth.r[r][c];
-  for (int r = 0; r < 3; ++r) e[12 + r] = truth.t[r];
-  trinsic->GetMatrix(9, nullptr, nullptr, nullptr);
+  SmartPtr<ICamera3DTransform> trinsic = TrinsicCamera(kTruth);
   SmartPtr<IXMLStreamEx> out = LoadedModule::Get().CreateHost<IXMLStreamEx>(L"XMLStreamEx");
   out->Attach(nullptr, 0, 0);
   out->OpenTag(Str(L"Camera3DCalibrationPlane"), 0, 0);
@@ -514,24 +418,15 @@ TEST(Camera3DCalibrationPlane, XmlTransformHoldingAnObjectElementLoadsThatCamera
   out->CloseTag();
   out->WriteValue(Str(L"Filename"), 0, Str(L"/data/cam.tCAL"), 0);
   out->CloseTag();
-  void* text = nullptr;
-  unsigned long bytes = 0;
-  out->GetBuffer(&text, &bytes);
-  std::vector<char> image(static_cast<char*>(text), static_cast<char*>(text) + bytes);
-  SmartPtr<IXMLStream> in = LoadedModule::Get().CreateHost<IXMLStream>(L"XMLStream");
-  ASSERT_EQ(in->Attach(image.data(), static_cast<unsigned long>(image.size()), 0), S_OK);
-  tagREFString tag{0, nullptr};
-  SmartPtr<IUnknown> content;
-  ASSERT_GE(in->NextTag(&tag), 0);
-  ASSERT_GE(in->ReadElement(tag.m_Length, tag.m_Text, nullptr, content.Out(), 0), 0);
-
+  SmartPtr<IDataStream> content = ElementContent(Text(out));
+  ASSERT_TRUE(content);
   SmartPtr<ICamera3DCalibrationPlane> loaded = NewLocator(nullptr);
-  ASSERT_EQ(QueryAs<IDataPersist>(loaded)->Load(QueryAs<IDataStream>(content), 0), S_OK);
+  ASSERT_EQ(QueryAs<IDataPersist>(loaded)->Load(content, 0), S_OK);
   SmartPtr<ITransform> camera;
   ASSERT_EQ(loaded->GetReverseTransform(camera.Out()), S_OK);
   ASSERT_TRUE(QueryAs<ICamera3DTrinsic>(camera));
   const P w{0.5, -0.25, 0};
-  EXPECT_POINT_NEAR(Locate(loaded, truth.Image(w)), w, kXmlWorld);
+  ExpectNear(Locate(loaded, kTruth.Image(w)), w, kXmlWorld);
   SmartPtr<IString> filename;
   QueryAs<IFileArchive>(loaded)->get_Filename(filename.Out());
   EXPECT_EQ(Text(filename), L"/data/cam.tCAL");
@@ -589,17 +484,8 @@ TEST(Camera3DCalibrationPlane, TextReportHoldsTheCameraThenThePlane) {
   EXPECT_EQ(ReadBytes(path), "");
 }
 
-TEST(Camera3DCalibrationPlane, ParametersAreTheCamerasThenNegateAndUsePseudoInverse) {
+TEST(Camera3DCalibrationPlane, NegateStartsOnAndBothFlagsAreReadFromTheirOwnParameters) {
   SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(LoadedModule::Get().Create<ICamera3DTransform>(L"Camera3DTransform"));
-  SmartPtr<INamedCollection> params;
-  ASSERT_EQ(QueryAs<IParametricObject>(o)->GetParameters(params.Out(), 0), S_OK);
-  std::wstring names;
-  for (int i = 0; i < Count(params); ++i) {
-    SmartPtr<IString> name;
-    params->get_ItemName(i, name.Out());
-    names += Text(name) + L" ";
-  }
-  EXPECT_EQ(names, L"SDError MaxError Negate UsePseudoInverse ");
   EXPECT_EQ(Parameter(o, L"Negate"), 1.0);
   EXPECT_EQ(Parameter(o, L"UsePseudoInverse"), 0.0);
   ParameterList list;
@@ -636,7 +522,7 @@ TEST(Camera3DCalibrationPlane, PagesWithoutACameraPutTheInfoPageFirst) {
 void PrepareForSuite(IUnknown* object) {
   SmartPtr<ICamera3DCalibrationPlane> o = QueryAs<ICamera3DCalibrationPlane>(object);
   std::vector<P> image, world;
-  Scene(16, &image, &world, 21);
+  Scene(kTruth, 16, &image, &world, 0, 21);
   o->BestFit(Points(image), Points(world), 0);
   PlaneOf(o)->SetCoefficients(0.2, -0.1, 1, 0.3);
   o->UsePseudoInverse(1);  // kept, though a plain camera does not use it

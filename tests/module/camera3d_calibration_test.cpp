@@ -5,7 +5,7 @@
 #include <cmath>
 #include <random>
 
-#include "tests/module/PropertySuite.h"
+#include "tests/module/CameraTestSupport.h"
 
 #ifdef ZELTRIM_HAVE_OPENCV
 #include <opencv2/core.hpp>
@@ -19,33 +19,7 @@ constexpr double kSameSolve = 1e-9;        // two least-squares solves of one sy
 constexpr double kSixDecimals = 1e-6;      // numbers that went through "%f" text
 constexpr double kNoisePixels = 0.5;
 
-// P = s K [R | t] by rows, R = Rz(c) Ry(b) Rx(a); the camera centre is -R^T t.
-struct View {
-  double p[3][4];
-  double k[3][3] = {{800, 0.5, 320}, {0, 780, 240}, {0, 0, 1}};
-  double r[3][3];
-  double t[3];
-  View(double a, double b, double c, double tx, double ty, double tz, double scale = 1.0) : t{tx, ty, tz} {
-    const double ca = std::cos(a), sa = std::sin(a), cb = std::cos(b), sb = std::sin(b), cc = std::cos(c),
-                 sc = std::sin(c);
-    const double rot[3][3] = {{cc * cb, cc * sb * sa - sc * ca, cc * sb * ca + sc * sa},
-                              {sc * cb, sc * sb * sa + cc * ca, sc * sb * ca - cc * sa},
-                              {-sb, cb * sa, cb * ca}};
-    for (int i = 0; i < 3; ++i)
-      for (int j = 0; j < 3; ++j) r[i][j] = rot[i][j];
-    for (int i = 0; i < 3; ++i)
-      for (int j = 0; j < 4; ++j) {
-        double sum = 0;
-        for (int m = 0; m < 3; ++m) sum += k[i][m] * (j < 3 ? r[m][j] : t[m]);
-        p[i][j] = scale * sum;
-      }
-  }
-  P Image(const P& w) const {
-    const double d = p[2][0] * w.x + p[2][1] * w.y + p[2][2] * w.z + p[2][3];
-    return {(p[0][0] * w.x + p[0][1] * w.y + p[0][2] * w.z + p[0][3]) / d,
-            (p[1][0] * w.x + p[1][1] * w.y + p[1][2] * w.z + p[1][3]) / d, 0};
-  }
-};
+using namespace camera_test;
 
 // Three cameras around the origin, about ten units away, with distinct centres.
 const View kLeft(0.1, -0.35, 0.05, 0.3, -0.2, 10.0);
@@ -55,29 +29,6 @@ const View kAbove(0.5, 0.05, 0.2, 0.2, 0.4, 9.0);
 SmartPtr<ICamera3DCalibrationCollection> NewCollection() {
   SmartPtr<ICamera3DCalibration> c = LoadedModule::Get().Create<ICamera3DCalibration>(L"Camera3DCalibration");
   return SmartPtr<ICamera3DCalibrationCollection>(static_cast<ICamera3DCalibrationCollection*>(c.get()));
-}
-
-// A "Camera3DTransform" holding P, written by columns through its live matrix.
-SmartPtr<ICamera3DTransform> TransformCamera(const View& v) {
-  SmartPtr<ICamera3DTransform> camera = LoadedModule::Get().Create<ICamera3DTransform>(L"Camera3DTransform");
-  double* m = nullptr;
-  camera->GetMatrix(&m, nullptr, nullptr);
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 4; ++c) m[3 * c + r] = v.p[r][c];
-  return camera;
-}
-
-// A "Camera3DTrinsic" with K and the pose [R | t] written through ids 1 and 2, rebuilt.
-SmartPtr<ICamera3DTransform> TrinsicCamera(const View& v) {
-  SmartPtr<ICamera3DTrinsic> camera = LoadedModule::Get().Create<ICamera3DTrinsic>(L"Camera3DTrinsic");
-  double *a = nullptr, *e = nullptr;
-  camera->GetMatrix(1, &a, nullptr, nullptr);
-  camera->GetMatrix(2, &e, nullptr, nullptr);
-  for (int c = 0; c < 3; ++c)
-    for (int r = 0; r < 3; ++r) a[3 * c + r] = v.k[r][c], e[4 * c + r] = v.r[r][c];
-  for (int r = 0; r < 3; ++r) e[12 + r] = v.t[r];
-  camera->GetMatrix(9, nullptr, nullptr, nullptr);
-  return SmartPtr<ICamera3DTransform>(camera.get());
 }
 
 // Convert of the collection; the point handed out, NaN when none.
@@ -90,12 +41,6 @@ HRESULT Triangulate(ICamera3DCalibration* cameras, ISimpleCollection* image, P* 
 }
 HRESULT Triangulate(ICamera3DCalibration* cameras, const std::vector<P>& image, P* out) {
   return Triangulate(cameras, Points(image), out);
-}
-
-void ExpectNear(const P& got, const P& want, double tolerance) {
-  EXPECT_NEAR(got.x, want.x, tolerance);
-  EXPECT_NEAR(got.y, want.y, tolerance);
-  EXPECT_NEAR(got.z, want.z, tolerance);
 }
 
 // The planes of image point (u, v) of view v, as SolveMatrix defines them, in rows of
@@ -265,13 +210,6 @@ SmartPtr<ICamera3DCalibrationCollection> MixedCollection() {
   return cameras;
 }
 
-std::wstring NameOf(IUnknown* object) {
-  tagREFString name{0, nullptr};
-  SmartPtr<IObjectInfo> info = QueryAs<IObjectInfo>(object);
-  if (!info || info->GetName(0, &name) < 0) return L"";
-  return std::wstring(name.m_Text, static_cast<size_t>(name.m_Length));
-}
-
 SmartPtr<IUnknown> Item(ICamera3DCalibration* cameras, int i) {
   SmartPtr<IUnknown> item;
   cameras->get_Item(i, item.Out());
@@ -287,12 +225,7 @@ SmartPtr<IDataStream> XmlRoundTrip(ICamera3DCalibrationCollection* cameras, std:
   EXPECT_EQ(cameras->Save_DataStream(out, 0), S_OK);
   out->CloseTag();
   *text = Text(out);
-  SmartPtr<IXMLStream> in = LoadedModule::Get().CreateHost<IXMLStream>(L"XMLStream");
-  EXPECT_EQ(in->Attach(const_cast<wchar_t*>(text->data()), static_cast<unsigned long>(text->size() * 4), 0), S_OK);
-  tagREFString tag{0, nullptr};
-  SmartPtr<IUnknown> content;
-  if (in->NextTag(&tag) < 0 || in->ReadElement(tag.m_Length, tag.m_Text, nullptr, content.Out(), 0) < 0) return {};
-  return QueryAs<IDataStream>(content);
+  return ElementContent(*text);
 }
 
 SmartPtr<IDataStream> FolderRoundTrip(ICamera3DCalibrationCollection* cameras) {

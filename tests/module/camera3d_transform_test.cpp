@@ -2,12 +2,9 @@
 // the point counts that decide between no solve, a direct solve and a refinement, its
 // errors, the exported model function and its write-only text form. Interfaces, files,
 // references and bad fits: the property suite.
-#include <dlfcn.h>
-
 #include <cmath>
-#include <random>
 
-#include "tests/module/PropertySuite.h"
+#include "tests/module/CameraTestSupport.h"
 
 namespace {
 
@@ -16,48 +13,13 @@ constexpr double kExactRelative = 1e-9;    // matrix entries of exact data, rela
 constexpr double kSameSolveRelative = 1e-7;  // two least-squares solves of one noisy system
 constexpr double kNoisePixels = 0.5;
 
-// P = K [R | t] of a camera 10 units from the origin, scaled so that p11 = 1; by rows.
-struct Camera {
-  double p[3][4];
-  Camera() {
-    const double k[3][3] = {{800, 0.5, 320}, {0, 780, 240}, {0, 0, 1}};
-    const double a = 0.2, b = -0.3, c = 0.1;  // R = Rz(c) Ry(b) Rx(a)
-    const double r[3][3] = {
-        {std::cos(c) * std::cos(b), std::cos(c) * std::sin(b) * std::sin(a) - std::sin(c) * std::cos(a),
-         std::cos(c) * std::sin(b) * std::cos(a) + std::sin(c) * std::sin(a)},
-        {std::sin(c) * std::cos(b), std::sin(c) * std::sin(b) * std::sin(a) + std::cos(c) * std::cos(a),
-         std::sin(c) * std::sin(b) * std::cos(a) - std::cos(c) * std::sin(a)},
-        {-std::sin(b), std::cos(b) * std::sin(a), std::cos(b) * std::cos(a)}};
-    const double t[3] = {0.3, -0.2, 10.0};
-    for (int i = 0; i < 3; ++i)
-      for (int j = 0; j < 4; ++j) {
-        double sum = 0;
-        for (int m = 0; m < 3; ++m) sum += k[i][m] * (j < 3 ? r[m][j] : t[m]);
-        p[i][j] = sum;
-      }
-    const double scale = p[2][3];
-    for (auto& row : p)
-      for (double& v : row) v /= scale;
-  }
-  P Image(const P& w) const {
-    const double d = p[2][0] * w.x + p[2][1] * w.y + p[2][2] * w.z + p[2][3];
-    return {(p[0][0] * w.x + p[0][1] * w.y + p[0][2] * w.z + p[0][3]) / d,
-            (p[1][0] * w.x + p[1][1] * w.y + p[1][2] * w.z + p[1][3]) / d, 0};
-  }
-};
+using namespace camera_test;
 
-// `count` world points in a box around the origin and their exact images (plus noise).
+// The bench camera scaled so that p11 = 1.
+const View kTruth(0.2, -0.3, 0.1, 0.3, -0.2, 10.0, 0.1);
+
 void Scene(int count, std::vector<P>* image, std::vector<P>* world, double noise = 0, unsigned seed = 7) {
-  const Camera camera;
-  std::mt19937 random(seed);
-  std::uniform_real_distribution<double> box(-2.0, 2.0);
-  std::normal_distribution<double> pixel(0.0, 1.0);
-  for (int i = 0; i < count; ++i) {
-    world->push_back({box(random), box(random), box(random)});
-    P u = camera.Image(world->back());
-    if (noise > 0) u.x += noise * pixel(random), u.y += noise * pixel(random);
-    image->push_back(u);
-  }
+  camera_test::Scene(kTruth, count, image, world, noise, seed);
 }
 
 SmartPtr<ICamera3DTransform> NewCamera() { return LoadedModule::Get().Create<ICamera3DTransform>(L"Camera3DTransform"); }
@@ -122,21 +84,16 @@ TEST(Camera3DTransform, ExactPointsGiveTheCameraBackAndReprojectToRounding) {
   Scene(30, &image, &world);
   SmartPtr<ICamera3DTransform> camera = NewCamera();
   ASSERT_EQ(Fit(camera, image, world), S_OK);
-  const Camera truth;
   const std::vector<double> p = Rows(camera);
   // The refinement moves all twelve entries, the scale included: compare after p11 = 1.
   for (int i = 0; i < 12; ++i)
-    EXPECT_NEAR(p[i] / p[11], truth.p[i / 4][i % 4], kExactRelative * Largest(p)) << "p" << i;
-  double error2 = -1, error = -1, sd = -1;
-  QueryAs<ITransformFitErrors>(camera)->GetFitErrors(&error2, &error, &sd);
-  EXPECT_LT(error, kExactPixels);
-  EXPECT_LT(sd, kExactPixels);
-  P probe{0.7, -1.1, 0.4};
-  const P expected = truth.Image(probe);
+    EXPECT_NEAR(p[i] / p[11], kTruth.p[i / 4][i % 4], kExactRelative * Largest(p)) << "p" << i;
+  EXPECT_LT(ErrorsOf(camera).error, kExactPixels);
+  EXPECT_LT(ErrorsOf(camera).sd, kExactPixels);
+  const P w{0.7, -1.1, 0.4};
+  P probe = w;
   ASSERT_EQ(camera->Convert(&probe.x, &probe.y, &probe.z), S_OK);
-  EXPECT_NEAR(probe.x, expected.x, kExactPixels);
-  EXPECT_NEAR(probe.y, expected.y, kExactPixels);
-  EXPECT_EQ(probe.z, 0.0);
+  ExpectNear(probe, kTruth.Image(w), kExactPixels);  // z becomes 0
 }
 
 TEST(Camera3DTransform, NoisyPointsGiveErrorsThatFollowTheNoise) {
@@ -146,8 +103,7 @@ TEST(Camera3DTransform, NoisyPointsGiveErrorsThatFollowTheNoise) {
   ASSERT_EQ(Fit(camera, image, world), S_OK);
   // Root mean square of a 2D error of kNoisePixels per axis: sqrt(2) kNoisePixels, less
   // the little the twelve parameters absorb; the largest of 200 lies some deviations out.
-  double error2 = -1, error = -1, sd = -1;
-  QueryAs<ITransformFitErrors>(camera)->GetFitErrors(&error2, &error, &sd);
+  const auto [error2, error, sd] = ErrorsOf(camera);
   EXPECT_NEAR(sd, std::sqrt(2.0) * kNoisePixels, 0.15 * kNoisePixels);
   EXPECT_GT(error, 2.0 * kNoisePixels);
   EXPECT_LT(error, 5.0 * kNoisePixels);
@@ -202,21 +158,20 @@ TEST(Camera3DTransform, ElevenPointsKeepTheDirectSolutionAndTwelveAreRefinedOnFo
 }
 
 TEST(Camera3DTransform, SixPointsSufficeFiveOrCoplanarOnesAreSingular) {
-  const Camera truth;
   for (int count : {6, 8}) {
     std::vector<P> image, world;
     Scene(count, &image, &world);
     SmartPtr<ICamera3DTransform> camera = NewCamera();
     ASSERT_EQ(Fit(camera, image, world), S_OK) << count;
     const std::vector<double> p = Rows(camera);
-    for (int i = 0; i < 12; ++i) EXPECT_NEAR(p[i], truth.p[i / 4][i % 4], 1e-6 * Largest(p)) << count << " p" << i;
+    for (int i = 0; i < 12; ++i) EXPECT_NEAR(p[i], kTruth.p[i / 4][i % 4], 1e-6 * Largest(p)) << count << " p" << i;
   }
   // All world points in the plane Z = 0: the Z columns of the design are zero.
   std::vector<P> image, world;
   for (int i = 0; i < 5; ++i)
     for (int j = 0; j < 4; ++j) {
       world.push_back({i * 0.5 - 1, j * 0.5 - 1, 0});
-      image.push_back(truth.Image(world.back()));
+      image.push_back(kTruth.Image(world.back()));
     }
   EXPECT_EQ(Fit(NewCamera(), image, world), E_FAIL);
 }
@@ -231,17 +186,14 @@ TEST(Camera3DTransform, NoPointsOrOnePointLeaveTheMatrixOfP11Alone) {
   std::vector<double> expected(12, 0.0);
   expected[11] = 1.0;
   EXPECT_EQ(Rows(camera), expected);
-  double error2 = -1, error = -1, sd = -1;
-  QueryAs<ITransformFitErrors>(camera)->GetFitErrors(&error2, &error, &sd);
-  EXPECT_EQ(error2, 0.0);
-  EXPECT_EQ(error, 0.0);
-  EXPECT_EQ(sd, 0.0);
+  auto errors = [&camera] {
+    const FitErrors e = ErrorsOf(camera);
+    return std::vector<double>{e.error2, e.error, e.sd};
+  };
+  EXPECT_EQ(errors(), std::vector<double>({0, 0, 0}));
   EXPECT_EQ(Fit(camera, one, oneWorld), E_FAIL);
   EXPECT_EQ(Rows(camera), expected);
-  QueryAs<ITransformFitErrors>(camera)->GetFitErrors(&error2, &error, &sd);
-  EXPECT_EQ(error2, 5.0);
-  EXPECT_EQ(error, 5.0);
-  EXPECT_EQ(sd, 0.0);
+  EXPECT_EQ(errors(), std::vector<double>({5, 5, 0}));
 }
 
 TEST(Camera3DTransform, SurplusImagePointsAreIgnoredInTheFitAndTheErrors) {
@@ -254,10 +206,10 @@ TEST(Camera3DTransform, SurplusImagePointsAreIgnoredInTheFitAndTheErrors) {
   more.push_back({-5e3, 7e3, 0});
   ASSERT_EQ(Fit(longer, more, world), S_OK);
   EXPECT_EQ(Rows(plain), Rows(longer));
-  double a[3], b[3];
-  QueryAs<ITransformFitErrors>(plain)->GetFitErrors(&a[0], &a[1], &a[2]);
-  QueryAs<ITransformFitErrors>(longer)->GetFitErrors(&b[0], &b[1], &b[2]);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(a[i], b[i]);
+  for (IUnknown* camera : {plain.get(), longer.get()}) {
+    EXPECT_EQ(ErrorsOf(camera).error, ErrorsOf(plain).error);
+    EXPECT_EQ(ErrorsOf(camera).sd, ErrorsOf(plain).sd);
+  }
 }
 
 // The two rows of SolveMatrix are planes through the viewing ray: every world point that
@@ -283,8 +235,7 @@ TEST(Camera3DTransform, SolveMatrixGivesTwoPlanesThroughTheViewingRay) {
 // The model function is exported by name and takes the object as its data pointer. Called
 // by a host after the fit, it reads the fit's points from the object's collections.
 TEST(Camera3DTransform, ExportedModelFunctionGivesSquaredDistancesOfTheFittedPoints) {
-  typedef void (*Evaluate)(const double*, int, const void*, double*, int*);
-  auto evaluate = reinterpret_cast<Evaluate>(dlsym(LoadedModule::Get().module, "CCamera3DTransform_LevenbergMarquardt_Evaluate"));
+  const Evaluate evaluate = ModelFunction("CCamera3DTransform_LevenbergMarquardt_Evaluate");
   ASSERT_NE(evaluate, nullptr);
   std::vector<P> image, world;
   Scene(15, &image, &world, kNoisePixels, 9);

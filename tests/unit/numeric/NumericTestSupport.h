@@ -1,14 +1,13 @@
 // Helpers shared by the numeric kernel tests: seeded random matrices, small dense
-// products, and test-local host objects (a wide string, points and a point collection).
+// products, and point collections of the reference host.
 #pragma once
 
 #include <cmath>
-#include <deque>
 #include <random>
-#include <string>
 #include <vector>
 
-#include "frame/HostInterfaces.h"
+#include "frame/Components.h"
+#include "frame/Object.h"
 
 namespace numeric_test {
 
@@ -56,111 +55,25 @@ inline std::vector<double> AxisRotation(double ax, double ay, double az, double 
           k * ax * az - s * ay, k * ay * az + s * ax, k * az * az + c};
 }
 
-// Reference counting shared by the test-local objects; they live on the stack and the
-// tests check that every reference handed out comes back.
-template <class I>
-class LocalObject : public I {
- public:
-  int AddRef() override { return ++refs_; }
-  int Release() override { return --refs_; }
-  int Refs() const { return refs_; }
+// A host points collection (the reference host's, as the module meets it) holding the
+// points (x, y, z) read three values at a time.
+inline SmartPtr<IPointsCollection> HostPoints(const std::vector<double>& xyz) {
+  SmartPtr<IPointsCollection> points;
+  points.Attach(GEOObject::CreatePointsCollection());
+  for (size_t i = 0; points && i + 2 < xyz.size(); i += 3) points->AddPoint(xyz[i], xyz[i + 1], xyz[i + 2]);
+  return points;
+}
 
- protected:
-  int refs_ = 1;
-};
-
-class LocalString : public LocalObject<ICreatableString> {
- public:
-  HRESULT QueryInterface(const IID& iid, void** out) override {
-    if (iid == IID_IUnknown || iid == IID_IString || iid == IID_ICreatableString) {
-      *out = static_cast<ICreatableString*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
+// Every point of the collection is held by the collection alone again: whatever read the
+// points gave back each reference it took.
+inline bool Balanced(ISimpleCollection* points) {
+  int count = 0;
+  points->get_Count(&count);
+  for (int i = 0; i < count; ++i) {
+    IUnknown* item = nullptr;
+    if (points->get_Item(i, &item) < 0 || !item || item->Release() != 1) return false;
   }
-  HRESULT GetString(const wchar_t** text, int* length) override {
-    *text = text_.c_str();
-    *length = static_cast<int>(text_.size());
-    return S_OK;
-  }
-  HRESULT SetString(int length, const wchar_t* text) override {
-    text_.assign(text, static_cast<size_t>(length));
-    return S_OK;
-  }
-  HRESULT Append(int length, const wchar_t* text) override {
-    text_.append(text, static_cast<size_t>(length));
-    return S_OK;
-  }
-  const std::wstring& Text() const { return text_; }
-
- private:
-  std::wstring text_;
-};
-
-class LocalPoint : public LocalObject<IPoint> {
- public:
-  LocalPoint(double x, double y, double z) : x_(x), y_(y), z_(z) {}
-  HRESULT QueryInterface(const IID& iid, void** out) override {
-    if (iid == IID_IUnknown || iid == IID_IPoint) {
-      *out = static_cast<IPoint*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-  }
-  HRESULT GetXYZ(double* x, double* y, double* z) override {
-    *x = x_;
-    *y = y_;
-    *z = z_;
-    return S_OK;
-  }
-  HRESULT SetXYZ(double x, double y, double z) override {
-    x_ = x;
-    y_ = y;
-    z_ = z;
-    return S_OK;
-  }
-
- private:
-  double x_, y_, z_;
-};
-
-class LocalPoints : public LocalObject<ISimpleCollection> {
- public:
-  explicit LocalPoints(const std::vector<double>& xyz) {
-    for (size_t i = 0; i + 2 < xyz.size(); i += 3) points_.emplace_back(xyz[i], xyz[i + 1], xyz[i + 2]);
-  }
-  HRESULT QueryInterface(const IID& iid, void** out) override {
-    if (iid == IID_IUnknown || iid == IID_ISimpleCollection) {
-      *out = static_cast<ISimpleCollection*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-  }
-  HRESULT get_Count(int* count) override {
-    *count = static_cast<int>(points_.size());
-    return S_OK;
-  }
-  HRESULT get_Item(int index, IUnknown** item) override {
-    if (index < 0 || index >= static_cast<int>(points_.size())) return E_INVALIDARG;
-    *item = &points_[static_cast<size_t>(index)];
-    (*item)->AddRef();
-    return S_OK;
-  }
-  // Every point handed out has been released again.
-  bool Balanced() const {
-    for (const LocalPoint& p : points_)
-      if (p.Refs() != 1) return false;
-    return true;
-  }
-
- private:
-  std::deque<LocalPoint> points_;  // stable addresses
-};
+  return true;
+}
 
 }  // namespace numeric_test

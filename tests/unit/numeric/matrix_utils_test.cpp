@@ -6,9 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "frame/Object.h"
+#include "frame/RefString.h"
 #include "tests/unit/numeric/NumericTestSupport.h"
 
-using numeric_test::LocalString;
 using numeric_test::MaxAbsDiff;
 using numeric_test::Product;
 using numeric_test::RandomMatrix;
@@ -21,6 +22,22 @@ const double kSixDecimals = 5e-7;  // "%f" keeps six decimals
 tagREFString View(const std::wstring& s) { return tagREFString{static_cast<int32_t>(s.size()), s.c_str()}; }
 
 std::vector<double> Identity3() { return {1, 0, 0, 0, 1, 0, 0, 0, 1}; }
+
+// The text of a host string (the reference host beside the tests in _binlinux).
+std::wstring TextOf(IString* text) {
+  const wchar_t* chars = nullptr;
+  int length = 0;
+  if (!text || text->GetString(&chars, &length) < 0) return L"<failed>";
+  return std::wstring(chars, static_cast<size_t>(length));
+}
+
+// The text form that AppendText gives a matrix, through a host string.
+std::wstring TextForm(const double* m, int rows, int cols) {
+  SmartPtr<ICreatableString> text;
+  text.Attach(CREFString::CreateString());
+  CMatrixUtils::AppendText(text, m, rows, cols);
+  return TextOf(text);
+}
 
 TEST(MatrixUtilsInverse3, ProductWithInputIsIdentity) {
   CMatrixUtils u;
@@ -35,16 +52,11 @@ TEST(MatrixUtilsInverse3, ProductWithInputIsIdentity) {
 
 TEST(MatrixUtilsInverse3, HandWorkedDiagonalAndShear) {
   CMatrixUtils u;
-  double a[9] = {2, 0, 0, 0, 4, 0, 0, 0, 8};
-  double inv[9];
+  double a[9] = {2, 0, 0, 0, 4, 0, 0, 0, 8}, shear[9] = {1, 2, 0, 0, 1, 0, 0, 0, 1}, inv[9];
   u.Inverse3(a, inv);
-  const double expected[9] = {0.5, 0, 0, 0, 0.25, 0, 0, 0, 0.125};
-  for (int i = 0; i < 9; ++i) EXPECT_EQ(inv[i], expected[i]);
-
-  double shear[9] = {1, 2, 0, 0, 1, 0, 0, 0, 1};  // inverse: -2 in the same place
-  u.Inverse3(shear, inv);
-  const double shearInv[9] = {1, -2, 0, 0, 1, 0, 0, 0, 1};
-  for (int i = 0; i < 9; ++i) EXPECT_EQ(inv[i], shearInv[i]);
+  EXPECT_EQ(std::vector<double>(inv, inv + 9), (std::vector<double>{0.5, 0, 0, 0, 0.25, 0, 0, 0, 0.125}));
+  u.Inverse3(shear, inv);  // inverse: -2 in the same place
+  EXPECT_EQ(std::vector<double>(inv, inv + 9), (std::vector<double>{1, -2, 0, 0, 1, 0, 0, 0, 1}));
 }
 
 TEST(MatrixUtilsInverse3, SingularOrTinyDeterminantLeavesTargetAlone) {
@@ -72,14 +84,13 @@ TEST(MatrixUtilsMultiply, MatchesIndependentProductForModuleShapes) {
   }
 }
 
-TEST(MatrixUtilsMultiply, DegenerateSizes) {
+TEST(MatrixUtilsMultiply, NoRowsWriteNothingAndNoInnerDimensionWritesZeros) {
   CMatrixUtils u;
-  double a[4] = {1, 2, 3, 4}, b[4] = {5, 6, 7, 8};
-  double c[4] = {9, 9, 9, 9};
-  u.Multiply(a, b, c, 0, 2, 2);  // no rows: nothing written
-  for (double x : c) EXPECT_EQ(x, 9.0);
-  u.Multiply(a, b, c, 2, 0, 2);  // no inner dimension: all zero
-  for (double x : c) EXPECT_EQ(x, 0.0);
+  double a[4] = {1, 2, 3, 4}, b[4] = {5, 6, 7, 8}, c[4] = {9, 9, 9, 9};
+  u.Multiply(a, b, c, 0, 2, 2);
+  EXPECT_EQ(std::vector<double>(c, c + 4), std::vector<double>(4, 9.0));
+  u.Multiply(a, b, c, 2, 0, 2);
+  EXPECT_EQ(std::vector<double>(c, c + 4), std::vector<double>(4, 0.0));
 }
 
 // Row vector times the 4 x 4 matrix, as the transforms of the module apply it.
@@ -108,11 +119,8 @@ TEST(MatrixUtilsSetHomogeneousRotation, CarriesFromOntoTo) {
     const double det = r[0] * (r[4] * r[8] - r[5] * r[7]) - r[1] * (r[3] * r[8] - r[5] * r[6]) +
                        r[2] * (r[3] * r[7] - r[4] * r[6]);
     EXPECT_NEAR(det, 1.0, 1e-12);
-    EXPECT_EQ(m[3], 0.0);
-    EXPECT_EQ(m[7], 0.0);
-    EXPECT_EQ(m[11], 0.0);
-    EXPECT_EQ(m[12], 0.0);
-    EXPECT_EQ(m[15], 1.0);
+    EXPECT_EQ((std::vector<double>{m[3], m[7], m[11], m[12], m[13], m[14], m[15]}),
+              (std::vector<double>{0, 0, 0, 0, 0, 0, 1}));
   }
 }
 
@@ -139,20 +147,10 @@ TEST(MatrixUtilsSetHomogeneousRotation, ZeroDirectionLeavesMatrixAlone) {
 }
 
 TEST(MatrixUtilsText, WritesSixDecimalsCommaSeparatedRows) {
-  double identity[4] = {1, 0, 0, 1};
-  LocalString text;
-  CMatrixUtils::AppendText(&text, identity, 2, 2);
-  EXPECT_EQ(text.Text(), L"1.000000, 0.000000\n0.000000, 1.000000\n");
-
-  double row[3] = {-2.5, 1234.0625, 1e-7};
-  LocalString one;
-  CMatrixUtils::AppendText(&one, row, 1, 3);
-  EXPECT_EQ(one.Text(), L"-2.500000, 1234.062500, 0.000000\n");
-
-  LocalString empty;
-  CMatrixUtils::AppendText(&empty, row, 0, 3);
-  CMatrixUtils::AppendText(&empty, row, 3, 0);
-  EXPECT_TRUE(empty.Text().empty());
+  const double identity[4] = {1, 0, 0, 1}, row[3] = {-2.5, 1234.0625, 1e-7};
+  EXPECT_EQ(TextForm(identity, 2, 2), L"1.000000, 0.000000\n0.000000, 1.000000\n");
+  EXPECT_EQ(TextForm(row, 1, 3), L"-2.500000, 1234.062500, 0.000000\n");
+  EXPECT_EQ(TextForm(row, 0, 3) + TextForm(row, 3, 0), L"");
 }
 
 TEST(MatrixUtilsText, RoundTripThroughTheTextForm) {
@@ -161,51 +159,28 @@ TEST(MatrixUtilsText, RoundTripThroughTheTextForm) {
   unsigned seed = 7;
   for (const auto& s : shapes) {
     std::vector<double> m = RandomMatrix(s[0], s[1], ++seed, -1000.0, 1000.0);
-    LocalString text;
-    CMatrixUtils::AppendText(&text, m.data(), s[0], s[1]);
     std::vector<double> back(m.size(), -1.0);
-    EXPECT_EQ(u.fromString(View(text.Text()), back.data(), s[0], s[1]), S_OK);
+    EXPECT_EQ(u.fromString(View(TextForm(m.data(), s[0], s[1])), back.data(), s[0], s[1]), S_OK);
     EXPECT_LT(MaxAbsDiff(m, back), kSixDecimals);
   }
 }
 
 TEST(MatrixUtilsText, ParserCases) {
   CMatrixUtils u;
-  double m[6];
   auto parse = [&](const std::wstring& s, int count) {
-    for (double& x : m) x = 77.0;
-    EXPECT_EQ(u.fromString(View(s), m, 1, count), S_OK);
+    std::vector<double> m(static_cast<size_t>(count), 77.0);
+    EXPECT_EQ(u.fromString(View(s), m.data(), 1, count), S_OK);
+    return m;
   };
-  parse(L"#ff -.5 + # #7fffffff", 5);
-  EXPECT_EQ(m[0], 255.0);
-  EXPECT_EQ(m[1], -0.5);
-  EXPECT_EQ(m[2], 0.0);  // lone plus sign
-  EXPECT_EQ(m[3], 0.0);  // lone hash sign
-  EXPECT_EQ(m[4], 2147483647.0);
-
-  parse(L"1.5e3 2.25, 3..5 -7x9 12", 5);  // no exponent, glued comma, second point, junk
-  EXPECT_EQ(m[0], 1.5);
-  EXPECT_EQ(m[1], 2.25);
-  EXPECT_EQ(m[2], 3.0);
-  EXPECT_EQ(m[3], -7.0);
-  EXPECT_EQ(m[4], 12.0);
-
-  parse(L"1\t2\r\n3\v4\f5", 5);  // every separator of the set
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(m[i], i + 1.0);
-
-  parse(L"  4 5 ", 4);  // fewer tokens than elements: the rest keep their values
-  EXPECT_EQ(m[0], 4.0);
-  EXPECT_EQ(m[1], 5.0);
-  EXPECT_EQ(m[2], 77.0);
-  EXPECT_EQ(m[3], 77.0);
-
-  std::wstring bom;
-  bom += static_cast<wchar_t>(239);
-  bom += static_cast<wchar_t>(254);
-  bom += L"6.5 7";
-  parse(bom, 2);  // remains of a byte-order mark are skipped
-  EXPECT_EQ(m[0], 6.5);
-  EXPECT_EQ(m[1], 7.0);
+  // A lone plus sign and a lone hash sign read as 0.
+  EXPECT_EQ(parse(L"#ff -.5 + # #7fffffff #aBc", 6), (std::vector<double>{255, -0.5, 0, 0, 2147483647.0, 2748}));
+  // No exponent, a glued comma, a second point, junk after the digits.
+  EXPECT_EQ(parse(L"1.5e3 2.25, 3..5 -7x9 12", 5), (std::vector<double>{1.5, 2.25, 3, -7, 12}));
+  EXPECT_EQ(parse(L"1\t2\r\n3\v4\f5", 5), (std::vector<double>{1, 2, 3, 4, 5}));  // every separator of the set
+  // Fewer tokens than elements: the rest keep their values.
+  EXPECT_EQ(parse(L"  4 5 ", 4), (std::vector<double>{4, 5, 77, 77}));
+  // The remains of a byte-order mark are skipped.
+  EXPECT_EQ(parse(std::wstring{wchar_t(239), wchar_t(254)} + L"6.5 7", 2), (std::vector<double>{6.5, 7}));
 }
 
 TEST(MatrixUtilsText, EmptyOrNullTextLeavesMatrixAlone) {
@@ -218,31 +193,18 @@ TEST(MatrixUtilsText, EmptyOrNullTextLeavesMatrixAlone) {
   EXPECT_EQ(u.fromString(View(L"1 2"), nullptr, 1, 2), S_OK);
 }
 
-}  // namespace
-
-namespace {
-
-// Through the host's string object (the reference host beside the tests in _binlinux).
 TEST(MatrixUtilsText, ToStringMakesAHostStringTheParserReadsBack) {
   CMatrixUtils u;
   double m[6] = {1.5, -2.0, 0.25, 100.0, 3.125, -0.5};
-  IString* text = u.toString(m, 2, 3);
-  ASSERT_NE(text, nullptr);
-  const wchar_t* chars = nullptr;
-  int length = 0;
-  ASSERT_EQ(text->GetString(&chars, &length), S_OK);
-  const std::wstring s(chars, static_cast<size_t>(length));
+  SmartPtr<IString> text;
+  text.Attach(u.toString(m, 2, 3));
+  const std::wstring s = TextOf(text);
   EXPECT_EQ(s, L"1.500000, -2.000000, 0.250000\n100.000000, 3.125000, -0.500000\n");
   double back[6] = {0};
-  u.fromString(tagREFString{length, chars}, back, 2, 3);
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(back[i], m[i]);
-  text->Release();
-
-  IString* empty = u.toString(m, 0, 3);
-  ASSERT_NE(empty, nullptr);
-  ASSERT_EQ(empty->GetString(&chars, &length), S_OK);
-  EXPECT_EQ(length, 0);
-  empty->Release();
+  u.fromString(View(s), back, 2, 3);
+  EXPECT_EQ(std::vector<double>(back, back + 6), std::vector<double>(m, m + 6));
+  text.Attach(u.toString(m, 0, 3));
+  EXPECT_EQ(TextOf(text), L"");
 }
 
 }  // namespace

@@ -8,7 +8,8 @@
 #include "tests/unit/numeric/NumericTestSupport.h"
 
 using numeric_test::AxisRotation;
-using numeric_test::LocalPoints;
+using numeric_test::Balanced;
+using numeric_test::HostPoints;
 using numeric_test::Product;
 using numeric_test::RandomMatrix;
 using numeric_test::Transpose;
@@ -18,19 +19,19 @@ namespace {
 const double kTol = 1e-12;
 
 TEST(Variance, MeansOfPointSets) {
-  LocalPoints points({1, 2, 3, 3, 2, 1, 2, 8, -1});
+  SmartPtr<IPointsCollection> points = HostPoints({1, 2, 3, 3, 2, 1, 2, 8, -1});
   CMatrixVariance v;
   double out[3];
-  v.CalcMean(&points, out);
+  v.CalcMean(points, out);
   EXPECT_NEAR(out[0], 2.0, kTol);
   EXPECT_NEAR(out[1], 4.0, kTol);
   EXPECT_NEAR(out[2], 1.0, kTol);
-  v.CalcMean(&points, nullptr);  // into the first mean of the record
+  v.CalcMean(points, nullptr);  // into the first mean of the record
   EXPECT_NEAR(v.m_Mean1[1], 4.0, kTol);
-  EXPECT_TRUE(points.Balanced());
+  EXPECT_TRUE(Balanced(points));
 
-  LocalPoints empty({});
-  v.CalcMean(&empty, out);
+  SmartPtr<IPointsCollection> empty = HostPoints({});
+  v.CalcMean(empty, out);
   EXPECT_EQ(out[0], 0.0);
   EXPECT_EQ(out[1], 0.0);
   EXPECT_EQ(out[2], 0.0);
@@ -46,11 +47,11 @@ TEST(Variance, CovarianceOfARotatedScaledTranslatedSet) {
   for (int i = 0; i < n; ++i)
     for (int c = 0; c < 3; ++c) second[i * 3 + c] = scale * second[i * 3 + c] + shift[c];
 
-  LocalPoints p1(first), p2(second);
+  SmartPtr<IPointsCollection> p1 = HostPoints(first), p2 = HostPoints(second);
   CMatrixVariance v;
-  ASSERT_EQ(v.CreateCoVariance(&p1, &p2), 0);
-  EXPECT_TRUE(p1.Balanced());
-  EXPECT_TRUE(p2.Balanced());
+  ASSERT_EQ(v.CreateCoVariance(p1, p2), 0);
+  EXPECT_TRUE(Balanced(p1));
+  EXPECT_TRUE(Balanced(p2));
 
   // Independent: mean, centred first set S, covariance = scale R (S^T S / n).
   double mean[3] = {0, 0, 0};
@@ -72,10 +73,10 @@ TEST(Variance, CovarianceOfARotatedScaledTranslatedSet) {
 }
 
 TEST(Variance, UnequalLengthsUseEverySetForItsMeanAndTheShorterForTheSum) {
-  LocalPoints p1({0, 0, 0, 2, 0, 0, 0, 2, 0, 100, 100, 100});  // 4 points
-  LocalPoints p2({1, 1, 1, 3, 1, 1, 1, 3, 1});                  // 3 points
+  SmartPtr<IPointsCollection> p1 = HostPoints({0, 0, 0, 2, 0, 0, 0, 2, 0, 100, 100, 100});  // 4 points
+  SmartPtr<IPointsCollection> p2 = HostPoints({1, 1, 1, 3, 1, 1, 1, 3, 1});                  // 3 points
   CMatrixVariance v;
-  ASSERT_EQ(v.CreateCoVariance(&p1, &p2), 0);
+  ASSERT_EQ(v.CreateCoVariance(p1, p2), 0);
   EXPECT_NEAR(v.m_Mean1[0], 25.5, kTol);  // all four points
   EXPECT_NEAR(v.m_Mean2[0], 5.0 / 3.0, kTol);
   // Hand-worked entry (0, 0): sum over the three pairs of t0 * s0, divided by 3.
@@ -86,13 +87,13 @@ TEST(Variance, UnequalLengthsUseEverySetForItsMeanAndTheShorterForTheSum) {
 }
 
 TEST(Variance, FewerThanThreePairsFailAndKeepTheRecord) {
-  LocalPoints p1({0, 0, 0, 1, 1, 1}), p2({1, 0, 0, 0, 1, 0, 0, 0, 1});
+  SmartPtr<IPointsCollection> p1 = HostPoints({0, 0, 0, 1, 1, 1}), p2 = HostPoints({1, 0, 0, 0, 1, 0, 0, 0, 1});
   CMatrixVariance v;
   v.m_Scale = 42.0;
   v.m_Covariance[4] = -3.0;
   v.m_Mean2[2] = 8.0;
-  EXPECT_EQ(v.CreateCoVariance(&p1, &p2), E_FAIL);
-  EXPECT_EQ(v.CreateCoVariance(nullptr, &p2), E_FAIL);
+  EXPECT_EQ(v.CreateCoVariance(p1, p2), E_FAIL);
+  EXPECT_EQ(v.CreateCoVariance(nullptr, p2), E_FAIL);
   EXPECT_EQ(v.m_Scale, 42.0);
   EXPECT_EQ(v.m_Covariance[4], -3.0);
   EXPECT_EQ(v.m_Mean2[2], 8.0);
