@@ -170,6 +170,7 @@ TEST(LinearCalibrationParameters, CameraScalesChangeNoConvertedPoint) {
   plain->Convert(&b.x, &b.y, &b.z);
   EXPECT_EQ(a.x, b.x);
   EXPECT_EQ(a.y, b.y);
+  EXPECT_EQ(Parameter(c, L"CameraScaleX"), 5.0);
   EXPECT_EQ(Parameter(c, L"CameraScaleY"), -3.0);
 }
 
