@@ -56,6 +56,20 @@ printf '0 0\n10 0\n10 10\n0 10\n5 5\n' >src.txt
 printf '10 20\n20 20\n20 30\n10 30\n15 25\n' >dst.txt
 check fit-help 0 "--filter" -- "$zeltrim" fit --help
 check fit-translation 0 "translation: 10 20 0" -- "$zeltrim" fit src.txt dst.txt
+# A rhombus doubled in size: the best rigid fit is the identity (by symmetry), which misses
+# the two short corners by 1 and the two long ones by 2: mean 1.5, largest 2, and the
+# deviation of (1, 1, 2, 2) over N - 1 is sqrt(1/3).
+printf '1 0\n-1 0\n0 2\n0 -2\n' >rhombus.txt
+printf '2 0\n-2 0\n0 4\n0 -4\n' >rhombus2.txt
+check fit-rigid-errors 0 "mean 1.5  largest 2  standard deviation 0.57735" -- "$zeltrim" fit rhombus.txt rhombus2.txt --method 1
+# A square turned a quarter turn about z: one Euler angle of 90 degrees (its sign is the
+# convention's), the other two 0.
+printf '1 0\n0 1\n-1 0\n0 -1\n' >square.txt
+printf '0 1\n-1 0\n0 -1\n1 0\n' >turned.txt
+if "$zeltrim" fit square.txt turned.txt --method 1 | awk '/^euler angles \(degrees\):/ {
+    a = $4 < 0 ? -$4 : $4; b = $5 < 0 ? -$5 : $5; c = $6 < 0 ? -$6 : $6; ok = a > 89.999 && a < 90.001 && b + c < 1e-9 }
+    END { exit !ok }'; then echo "ok   fit-quarter-turn-in-degrees"; passed=$((passed + 1))
+else echo "FAIL fit-quarter-turn-in-degrees"; failed=$((failed + 1)); fi
 check fit-save-csv 0 "saved" -- "$zeltrim" fit src.txt dst.txt --save out.csv
 if [ "$(head -c 2 out.csv | od -An -tx1 | tr -d ' ')" = "fffe" ]; then echo "ok   fit-csv-mark"; passed=$((passed + 1));
 else echo "FAIL fit-csv-mark"; failed=$((failed + 1)); fi
