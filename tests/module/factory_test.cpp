@@ -1,6 +1,6 @@
 // The module's entry points as a host sees them: creator lookup by name, the creation
 // protocol, and the global collection handed over by InitializeModule.
-#include "tests/module/ModuleFixture.h"
+#include "tests/module/ModuleTestSupport.h"
 
 namespace {
 

@@ -4,22 +4,14 @@
 // must be refused, or, when a corruption leaves a well-formed document, load in full:
 // never half. The reference host's XML stream is what keeps the module's own load from
 // taking half a file; the host's load function refuses before the module reads anything.
-#include <unistd.h>
-
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "host/client/CalibrationFile.h"
-#include "tests/module/ModuleFixture.h"
+#include "tests/module/ModuleTestSupport.h"
 
 namespace {
-
-typedef std::vector<uint8_t> Bytes;
 
 // Long files are sampled: every prefix within this many bytes of either end, and this many
 // more drawn at random; files up to twice the edge are cut at every byte.
@@ -28,50 +20,19 @@ constexpr size_t kRandomPrefixes = 112;
 constexpr size_t kCorruptionsPerFile = 360;
 constexpr unsigned kSeed = 20240611;
 
-// Thousands of small files are written: in memory (/dev/shm) where the machine has it.
-std::string TempPath(const std::string& name) {
-  static const std::string folder = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-  return folder + "/zeltrim_damage_" + std::to_string(getpid()) + "_" + name;
-}
-
-Bytes ReadBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteBytes(const std::string& path, const Bytes& bytes, size_t count) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(count));
-}
-
-SmartPtr<IString> Str(const std::wstring& text) {
-  SmartPtr<ICreatableString> s = LoadedModule::Get().CreateHost<ICreatableString>(L"CreatableString");
-  s->SetString(static_cast<int>(text.size()), text.c_str());
-  return SmartPtr<IString>(s.get());
-}
-
-// The module's archive alone, without the host's checks.
-HRESULT Archive(IUnknown* object, const std::string& path, bool save) {
-  SmartPtr<IFileArchive> archive = QueryAs<IFileArchive>(object);
-  archive->put_Filename(Str(std::wstring(path.begin(), path.end())));
-  return save ? archive->Save() : archive->Load();
-}
-
-SmartPtr<ISimpleCollection> Points(const std::vector<std::vector<double>>& points) {
-  SmartPtr<IPointsCollection> c = LoadedModule::Get().CreateHost<IPointsCollection>(L"PointsCollection");
-  for (const auto& p : points) c->AddPoint(p[0], p[1], p[2]);
-  return QueryAs<ISimpleCollection>(c);
+void WriteBytes(const std::string& path, const std::string& bytes, size_t count) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), static_cast<std::streamsize>(count));
 }
 
 // Gives an object values unlike a new one's, through whichever interfaces it has, so that
 // a field left at its default by a half load shows.
 void Populate(IUnknown* object) {
-  const std::vector<std::vector<double>> source = {{0, 0, 0}, {4, 0, 1}, {0, 3, 2}, {5, 5, 0}, {2, 7, 3}, {6, 1, 4}};
-  std::vector<std::vector<double>> target;
+  const std::vector<P> source = {{0, 0, 0}, {4, 0, 1}, {0, 3, 2}, {5, 5, 0}, {2, 7, 3}, {6, 1, 4}};
+  std::vector<P> target;
   for (size_t i = 0; i < source.size(); ++i) {  // an affine map, a little off at each pair
-    const auto& p = source[i];
+    const P& p = source[i];
     const double off = 0.01 * static_cast<double>(i % 3);
-    target.push_back({2 * p[0] - p[1] + 7 + off, p[0] + 3 * p[1] - 2, 0.5 * p[2] + 1 - off});
+    target.push_back({2 * p.x - p.y + 7 + off, p.x + 3 * p.y - 2, 0.5 * p.z + 1 - off});
   }
   if (SmartPtr<ICalibrationBestFit> fit = QueryAs<ICalibrationBestFit>(object))
     fit->BestFit(Points(source), Points(target), 0);
@@ -96,16 +57,17 @@ void Populate(IUnknown* object) {
 }
 
 // What an object holds, as the bytes of its file in one form (the module's own save).
-Bytes Fingerprint(IUnknown* object, const std::string& extension) {
+std::string Fingerprint(IUnknown* object, const std::string& extension) {
   const std::string path = TempPath("fingerprint." + extension);
   Archive(object, path, true);
   return ReadBytes(path);  // the file is written over by the next fingerprint
 }
 
 // The text of a 16-bit XML file after its byte order mark.
-std::wstring XmlText(const Bytes& b) {
+std::wstring XmlText(const std::string& b) {
   std::wstring text;
-  for (size_t i = 2; i + 1 < b.size(); i += 2) text.push_back(static_cast<wchar_t>(b[i] | (b[i + 1] << 8)));
+  for (size_t i = 2; i + 1 < b.size(); i += 2)
+    text.push_back(static_cast<wchar_t>(static_cast<uint8_t>(b[i]) | static_cast<uint8_t>(b[i + 1]) << 8));
   return text;
 }
 
@@ -160,7 +122,7 @@ bool RebuiltFrom(const std::wstring& leaf, const std::wstring& source) {
 
 // True when `loaded` holds everything `reference` holds, except, in XML, the leaf at `path`
 // (the one the corruption touched; none when `path` is empty) and what is rebuilt from it.
-::testing::AssertionResult FullyLoaded(const Bytes& loaded, const Bytes& reference, const std::string& extension,
+::testing::AssertionResult FullyLoaded(const std::string& loaded, const std::string& reference, const std::string& extension,
                                        const std::wstring& path) {
   if (extension != "xml")
     return loaded == reference ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "not all came back";
@@ -176,9 +138,9 @@ bool RebuiltFrom(const std::wstring& leaf, const std::wstring& source) {
 struct Sample {
   std::wstring name;
   std::string extension;
-  Bytes file;       // the saved file
-  Bytes fresh;      // fingerprint of a new object
-  Bytes reference;  // fingerprint of an object loaded from the whole file
+  std::string file;       // the saved file
+  std::string fresh;      // fingerprint of a new object
+  std::string reference;  // fingerprint of an object loaded from the whole file
 };
 
 std::vector<std::wstring> ArchivedObjects() {
@@ -299,9 +261,9 @@ TEST_F(DamagedFiles, ACorruptedByteIsRefusedOrTheObjectLoadsInFull) {
     const std::string path = m_Path + "." + s.extension;
     const std::wstring original = XmlText(s.file);
     for (size_t k = 0; k < kCorruptionsPerFile; ++k) {
-      Bytes damaged = s.file;
+      std::string damaged = s.file;
       const size_t at = random() % damaged.size();
-      damaged[at] = static_cast<uint8_t>(damaged[at] ^ (1 + random() % 255));
+      damaged[at] = static_cast<char>(damaged[at] ^ (1 + random() % 255));
       WriteBytes(path, damaged, damaged.size());
       std::wstring touched;  // the leaf whose text the corruption is in, if any
       if (s.extension == "xml" && at >= 2) Leaves(original, (at - 2) / 2, &touched);
@@ -317,7 +279,7 @@ TEST_F(DamagedFiles, ACorruptedByteIsRefusedOrTheObjectLoadsInFull) {
       }
       SmartPtr<IUnknown> plain = m.Create<IUnknown>(s.name.c_str());
       Archive(plain, path, false);
-      const Bytes plainPrint = Fingerprint(plain, s.extension);
+      const std::string plainPrint = Fingerprint(plain, s.extension);
       if (plainPrint != s.fresh) {
         EXPECT_TRUE(FullyLoaded(plainPrint, s.reference, s.extension, touched)) << where << ": module alone";
       }
