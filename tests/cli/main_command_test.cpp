@@ -140,8 +140,10 @@ Eigen::Matrix3d ClosedFormIntrinsics(const std::vector<Eigen::Matrix3d>& homogra
 class MainCommand : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { json_ = Zeltrim("calibrate --json"); }
-  // The object's top level, before the views (whose rows have keys of the same names).
-  static std::string Top() { return json_.substr(0, json_.find("\"views\"")); }
+  // A figure of the object's top level, before the views (whose rows have keys of the same names).
+  static double Printed(const std::string& key) {
+    return One(json_.substr(0, json_.find("\"views\"")), "\"" + key + "\":");
+  }
   static inline std::string json_;
 };
 
@@ -155,19 +157,16 @@ TEST_F(MainCommand, IntrinsicsAgreeWithAnIndependentClosedFormCalibration) {
     homographies.push_back(Homography(model, image));
   }
   const Eigen::Matrix3d k = ClosedFormIntrinsics(homographies);
-  const std::string top = Top();
-  EXPECT_NEAR(One(top, "\"fx\":"), k(0, 0), kFxTolerance);
-  EXPECT_NEAR(One(top, "\"fy\":"), k(1, 1), kFyTolerance);
-  EXPECT_NEAR(One(top, "\"cx\":"), k(0, 2), kCxTolerance);
-  EXPECT_NEAR(One(top, "\"cy\":"), k(1, 2), kCyTolerance);
-  EXPECT_NEAR(One(top, "\"skew\":"), k(0, 1), kSkewTolerance);
+  EXPECT_NEAR(Printed("fx"), k(0, 0), kFxTolerance);
+  EXPECT_NEAR(Printed("fy"), k(1, 1), kFyTolerance);
+  EXPECT_NEAR(Printed("cx"), k(0, 2), kCxTolerance);
+  EXPECT_NEAR(Printed("cy"), k(1, 2), kCyTolerance);
+  EXPECT_NEAR(Printed("skew"), k(0, 1), kSkewTolerance);
 }
 
 TEST_F(MainCommand, LastPoseReprojectsTheLastViewToThePrintedErrors) {
-  const std::string top = Top();
   Eigen::Matrix3d k;
-  k << One(top, "\"fx\":"), One(top, "\"skew\":"), One(top, "\"cx\":"),  //
-      0, One(top, "\"fy\":"), One(top, "\"cy\":"), 0, 0, 1;
+  k << Printed("fx"), Printed("skew"), Printed("cx"), 0, Printed("fy"), Printed("cy"), 0, 0, 1;
   const std::vector<double> e = After(json_, "\"extrinsic\":", 12);
   ASSERT_EQ(e.size(), 12u) << json_;
   Eigen::Matrix<double, 3, 4> pose;
@@ -184,7 +183,7 @@ TEST_F(MainCommand, LastPoseReprojectsTheLastViewToThePrintedErrors) {
     largest = std::max(largest, d);
     squares += d * d;
   }
-  EXPECT_NEAR(One(top, "\"max_error\":"), largest, kReprojectionDigits);
+  EXPECT_NEAR(Printed("max_error"), largest, kReprojectionDigits);
 
   // The per-view table: 13 rows in order, the last one the same view's figures.
   std::vector<double> last;
@@ -200,13 +199,12 @@ TEST_F(MainCommand, LastPoseReprojectsTheLastViewToThePrintedErrors) {
 }
 
 TEST_F(MainCommand, PlainOutputPrintsTheJsonFiguresRounded) {
-  const std::string text = Zeltrim("calibrate"), top = Top();
+  const std::string text = Zeltrim("calibrate");
   EXPECT_NE(text.find("from 13 views of 54 points, image 640 x 480"), std::string::npos) << text;
   for (const char* name : {"fx", "fy", "skew", "cx", "cy"})
-    EXPECT_NEAR(One(text, std::string("  ") + name + " "), One(top, std::string("\"") + name + "\":"), kPlainRounding)
-        << name;
-  EXPECT_NEAR(One(text, "max error"), One(top, "\"max_error\":"), kPlainRounding);
-  EXPECT_NEAR(One(text, "sd error"), One(top, "\"sd_error\":"), kPlainRounding);
+    EXPECT_NEAR(One(text, std::string("  ") + name + " "), Printed(name), kPlainRounding) << name;
+  EXPECT_NEAR(One(text, "max error"), Printed("max_error"), kPlainRounding);
+  EXPECT_NEAR(One(text, "sd error"), Printed("sd_error"), kPlainRounding);
   const std::vector<double> printed = After(text, "R | t", 12), json = After(json_, "\"extrinsic\":", 12);
   ASSERT_EQ(printed.size(), 12u) << text;
   ASSERT_EQ(json.size(), 12u);

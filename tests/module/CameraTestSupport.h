@@ -89,12 +89,6 @@ inline void Scene(const View& camera, int count, std::vector<P>* image, std::vec
   }
 }
 
-inline void ExpectNear(const P& got, const P& want, double tolerance) {
-  EXPECT_NEAR(got.x, want.x, tolerance);
-  EXPECT_NEAR(got.y, want.y, tolerance);
-  EXPECT_NEAR(got.z, want.z, tolerance);
-}
-
 // GetFitErrors's three outputs in their order.
 struct FitErrors {
   double error2 = -1, error = -1, sd = -1;

@@ -1,20 +1,127 @@
-// Helpers shared by the module tests: host strings, point collections, parameter lists,
-// scratch files and files saved or loaded through an object's IFileArchive.
+// The module tests' fixture and helpers: Zeltrim.so loaded through the dynamic loader with
+// the reference host, from the build folder that holds _binlinux/, as a framework host does
+// (one load per test process); host strings, point collections, parameter lists, scratch
+// files and files saved or loaded through an object's IFileArchive.
 #pragma once
 
+#include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cwchar>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
 
-#include "tests/module/ModuleFixture.h"
+#include "frame/ModuleObjects.h"
+#include "frame/Object.h"
+
+typedef HRESULT (*CreateFunctionFn)(tagREFString, void**);
+typedef HRESULT (*InitializeModuleFn)(void*, IComponentCollection*);
+typedef HRESULT (*CreatorFn)(void*, IID*, void**);
+
+// The module's creatable object names, in the order its factory tests them, read from
+// its object table (names only: the classes are not linked here).
+#define ZELTRIM_FIXTURE_NAME_(Name, ...) ZELTRIM_OBJECT_TEXT(Name),
+inline const wchar_t* const kCreatableObjectNames[] = {
+    ZELTRIM_MODULE_OBJECTS(ZELTRIM_FIXTURE_NAME_, ZELTRIM_FIXTURE_NAME_)};
+
+inline tagREFString Ref(const wchar_t* text) { return tagREFString{static_cast<int32_t>(std::wcslen(text)), text}; }
+
+struct LoadedModule {
+  void* module = nullptr;
+  CreateFunctionFn createFunction = nullptr;
+  InitializeModuleFn initializeModule = nullptr;
+  IComponentCollection* components = nullptr;  // one reference held for the process
+
+  static LoadedModule& Get() {
+    static LoadedModule loaded;
+    if (!loaded.module) loaded.Load();
+    return loaded;
+  }
+
+  void Load() {
+    void* peer = dlopen("./_binlinux/CollectionsEx.so", RTLD_NOW);
+    ASSERT_NE(peer, nullptr) << dlerror();
+    auto peerCreate = reinterpret_cast<CreateFunctionFn>(dlsym(peer, "CreateFunction"));
+    ASSERT_NE(peerCreate, nullptr);
+    void* creator = nullptr;
+    ASSERT_EQ(peerCreate(Ref(L"GlobalComponentCollection"), &creator), S_OK);
+    IID iid = IID_IComponentCollection;
+    void* collection = nullptr;
+    ASSERT_EQ(reinterpret_cast<CreatorFn>(creator)(nullptr, &iid, &collection), S_OK);
+    components = static_cast<IComponentCollection*>(collection);
+
+    module = dlopen("./_binlinux/Zeltrim.so", RTLD_NOW);
+    ASSERT_NE(module, nullptr) << dlerror();
+    createFunction = reinterpret_cast<CreateFunctionFn>(dlsym(module, "CreateFunction"));
+    initializeModule = reinterpret_cast<InitializeModuleFn>(dlsym(module, "InitializeModule"));
+    ASSERT_NE(createFunction, nullptr);
+    ASSERT_NE(initializeModule, nullptr);
+    ASSERT_EQ(initializeModule(nullptr, components), 0);
+  }
+
+  // A module object by name, queried for I; null when it cannot be made.
+  template <class I>
+  SmartPtr<I> Create(const wchar_t* name) {
+    SmartPtr<I> result;
+    void* creator = nullptr;
+    if (createFunction(Ref(name), &creator) != S_OK) return result;
+    IID iid = I::Iid();
+    void* object = nullptr;
+    if (reinterpret_cast<CreatorFn>(creator)(nullptr, &iid, &object) == S_OK) result.Attach(static_cast<I*>(object));
+    return result;
+  }
+
+  // A host object through the global collection.
+  template <class I>
+  SmartPtr<I> CreateHost(const wchar_t* name) {
+    SmartPtr<I> result;
+    void* object = nullptr;
+    const IID& iid = I::Iid();
+    if (components->CreateComponent(static_cast<int>(std::wcslen(name)), name, &iid, &object) == S_OK)
+      result.Attach(static_cast<I*>(object));
+    return result;
+  }
+};
+
+// Current reference count of an object, read by an AddRef/Release pair.
+inline int RefCount(IUnknown* object) {
+  object->AddRef();
+  return object->Release();
+}
 
 struct P {
   double x, y, z;
 };
+
+inline void ExpectNear(const P& got, const P& want, double tolerance) {
+  EXPECT_NEAR(got.x, want.x, tolerance);
+  EXPECT_NEAR(got.y, want.y, tolerance);
+  EXPECT_NEAR(got.z, want.z, tolerance);
+}
+
+// `p` through the Convert (or Revert) of a calibration or transform (a pointer or a SmartPtr).
+template <class T>
+P Converted(const T& t, P p) {
+  t->Convert(&p.x, &p.y, &p.z);
+  return p;
+}
+template <class T>
+P Reverted(const T& t, P p) {
+  t->Revert(&p.x, &p.y, &p.z);
+  return p;
+}
+
+// The first output of GetFitErrors: the mean error of a fit.
+inline double MeanError(IUnknown* fitted) {
+  double mean = -1;
+  QueryAs<ITransformFitErrors>(fitted)->GetFitErrors(&mean, nullptr, nullptr);
+  return mean;
+}
 
 inline SmartPtr<IString> Str(const std::wstring& text) {
   SmartPtr<ICreatableString> s = LoadedModule::Get().CreateHost<ICreatableString>(L"CreatableString");
@@ -47,30 +154,33 @@ inline P PointAt(ISimpleCollection* c, int i) {
   return p;
 }
 
-// The count of a collection (simple or named); -1 for null.
+// The count of a collection or vector (a pointer or a SmartPtr); -1 for null.
 template <class C>
-int Count(C* c) {
+int Count(const C& c) {
   int n = -1;
   if (c) c->get_Count(&n);
   return n;
 }
-template <class C>
-int Count(const SmartPtr<C>& c) {
-  return Count(c.get());
+
+inline std::vector<double> Values(IDblVector* v) {
+  std::vector<double> values(static_cast<size_t>(std::max(Count(v), 0)));
+  for (size_t i = 0; i < values.size(); ++i) v->get_Item(static_cast<int>(i), &values[i]);
+  return values;
 }
 
 // A host parameter collection built item by item (numbers or texts).
 struct ParameterList {
   SmartPtr<IParametersCreatable> list = LoadedModule::Get().CreateHost<IParametersCreatable>(L"ParametersCreatable");
   ParameterList& Number(const wchar_t* name, double value) {
-    SmartPtr<IVariant> v = LoadedModule::Get().CreateHost<IVariant>(L"Variant");
-    v->put_Double(value);
-    list->Add(Str(name), v, nullptr, 0);
-    return *this;
+    return Add(name, [&](IVariant* v) { v->put_Double(value); });
   }
   ParameterList& Textual(const wchar_t* name, const wchar_t* text) {
+    return Add(name, [&](IVariant* v) { v->put_String(Str(text)); });
+  }
+  template <class Set>
+  ParameterList& Add(const wchar_t* name, Set set) {
     SmartPtr<IVariant> v = LoadedModule::Get().CreateHost<IVariant>(L"Variant");
-    v->put_String(Str(text));
+    set(v.get());
     list->Add(Str(name), v, nullptr, 0);
     return *this;
   }
@@ -88,9 +198,10 @@ inline double Parameter(IUnknown* object, const wchar_t* name) {
   return v ? v->get_Double() : NAN;
 }
 
-// A scratch file name in /tmp, unique to this process.
+// A scratch file name unique to this process, in memory (/dev/shm) where the machine has it.
 inline std::string TempPath(const std::string& name) {
-  return "/tmp/zeltrim_module_" + std::to_string(getpid()) + "_" + name;
+  static const std::string folder = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+  return folder + "/zeltrim_module_" + std::to_string(getpid()) + "_" + name;
 }
 
 inline std::string ReadBytes(const std::string& path) {

@@ -47,14 +47,8 @@ TEST(CalibrationBestFit, ConvertAndRevertFollowTwoIndependentFitsAndTheFitSetsTh
   Grid(&source, &target);
   SmartPtr<ICalibrationBestFit> c = NewCalibration();
   ASSERT_EQ(c->BestFit(Points(source), Points(target), 0), S_OK);
-  P p{33, 41, 0};
-  ASSERT_EQ(c->Convert(&p.x, &p.y, &p.z), S_OK);
-  const P expected = Homography({33, 41, 0});
-  EXPECT_NEAR(p.x, expected.x, kExactData);
-  EXPECT_NEAR(p.y, expected.y, kExactData);
-  ASSERT_EQ(c->Revert(&p.x, &p.y, &p.z), S_OK);
-  EXPECT_NEAR(p.x, 33, kExactData);
-  EXPECT_NEAR(p.y, 41, kExactData);
+  ExpectNear(Converted(c, {33, 41, 0}), Homography({33, 41, 0}), kExactData);
+  ExpectNear(Reverted(c, Homography({33, 41, 0})), {33, 41, 0}, kExactData);
   short year = 0;
   QueryAs<ICalibrationInfo>(c)->GetCalibrationTime(nullptr, nullptr, &year, nullptr, nullptr);
   EXPECT_GE(year, 2024);
@@ -64,9 +58,8 @@ TEST(CalibrationBestFit, FitWithoutPointsLeavesZeroErrors) {
   SmartPtr<ICalibrationBestFit> empty = NewCalibration();
   EXPECT_EQ(empty->BestFit(nullptr, nullptr, 0), S_OK);
   double mean = -1, max = -1;
-  EXPECT_EQ(QueryAs<ITransformFitErrors>(empty)->GetFitErrors(&mean, &max, nullptr), S_OK);
-  EXPECT_EQ(mean, 0.0);
-  EXPECT_EQ(max, 0.0);
+  QueryAs<ITransformFitErrors>(empty)->GetFitErrors(&mean, &max, nullptr);
+  EXPECT_EQ(std::make_pair(mean, max), std::make_pair(0.0, 0.0));
 }
 
 // Forward matrix, a carriage return alone, reverse matrix; 16-bit text after the mark.

@@ -265,33 +265,6 @@ void BoardViews(double height, std::vector<P>* image, std::vector<P>* model) {
     for (const P& m : *model) image->push_back(kTruth.Image({m.x + shift.x, m.y + shift.y, height}));
 }
 
-// Converted onto the right plane, a view is the board moved by the shift and the height:
-// the rigid fit moves it back onto the board exactly, and the residual component applies
-// the fit once more, so every residual of a view is the length of that move.
-TEST(Camera3DCalibrationPlane, ModelFunctionGivesEachViewsOffsetForTheRightPlane) {
-  const Evaluate evaluate = PlaneModelFunction();
-  ASSERT_NE(evaluate, nullptr);
-  SmartPtr<ICamera3DCalibrationPlane> o = NewLocator(TransformCamera(kTruth));
-  for (double height : {0.0, 0.7}) {
-    SCOPED_TRACE(height);
-    std::vector<P> image, model;
-    BoardViews(height, &image, &model);
-    ASSERT_EQ(o->BestFit(Points(image), Points(model), 153), S_OK);
-    // The plane Z = height, as the module meets it: normal of length 2, offset as given.
-    const double p[4] = {0, 0, 2, height};
-    std::vector<double> residuals(image.size(), -1.0);
-    int info = 7;
-    evaluate(p, static_cast<int>(residuals.size()), QueryAs<IUnknown>(o).get(), residuals.data(), &info);
-    EXPECT_EQ(info, 7);
-    for (size_t i = 0; i < residuals.size(); ++i) {
-      const P& s = kShifts[i / model.size()];
-      EXPECT_NEAR(residuals[i], std::sqrt(s.x * s.x + s.y * s.y + height * height), kExactResidual) << i;
-    }
-    // The plane stays as set, its normal normalised and its offset as given.
-    EXPECT_EQ(Coefficients(o), (std::vector<double>{0, 0, 1, height}));
-  }
-}
-
 // Against an independent evaluation: the ray of each image point meets the plane (solved
 // here by Cramer's rule), a TransformBestFit with method 1 fits each view, and its matrix
 // is applied twice.
@@ -307,7 +280,9 @@ TEST(Camera3DCalibrationPlane, ModelFunctionMatchesAnIndependentEvaluationForATi
   const double p[4] = {0.1, -0.05, 1.0, 0.35};
   const size_t n = model.size();
   std::vector<double> residuals(image.size() + 2, -1.0);
-  evaluate(p, static_cast<int>(image.size()), QueryAs<IUnknown>(o).get(), residuals.data(), nullptr);
+  int info = 7;
+  evaluate(p, static_cast<int>(image.size()), QueryAs<IUnknown>(o).get(), residuals.data(), &info);
+  EXPECT_EQ(info, 7) << "the model function never asks to stop";
   EXPECT_EQ(residuals[image.size()], -1.0) << "written past the views";
   EXPECT_EQ(o->IsUsingPseudoInverse(), 0);
 

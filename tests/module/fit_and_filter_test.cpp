@@ -2,14 +2,11 @@
 // iteration limits and the parameter read under another name. Interfaces, references,
 // parameters and bad input: the property suite.
 #include <algorithm>
+#include <numeric>
 
 #include "tests/module/PropertySuite.h"
 
 namespace {
-
-SmartPtr<ICalibrationFitAndFilter> NewFilter() {
-  return LoadedModule::Get().Create<ICalibrationFitAndFilter>(L"CalibrationFitAndFilter");
-}
 
 const std::vector<P> kNone;
 
@@ -35,6 +32,26 @@ const property::ClassTraits kFitAndFilter{
 };
 ZELTRIM_PROPERTY_CLASS(kFitAndFilter);
 
+// A filter of method 0 with these limits (a minimum count of 0 keeps the default, 4).
+SmartPtr<ICalibrationFitAndFilter> NewFilter(int iterations, double allowable, int minimum = 0) {
+  SmartPtr<ICalibrationFitAndFilter> f = LoadedModule::Get().Create<ICalibrationFitAndFilter>(L"CalibrationFitAndFilter");
+  f->SetFitMethod(0, iterations, allowable);
+  if (minimum) f->SetMinNbPoints(minimum);
+  return f;
+}
+
+// What a filter run hands back.
+struct Kept {
+  HRESULT hr;
+  SmartPtr<ISimpleCollection> a, b;
+};
+Kept Filtered(ICalibrationFitAndFilter* filter, ISimpleCollection* a, ISimpleCollection* b,
+              SmartPtr<ICalibrationBestFit> calibration = NewCalibration()) {
+  Kept kept;
+  kept.hr = filter->BestFit(calibration, a, b, kept.a.Out(), kept.b.Out());
+  return kept;
+}
+
 // Residuals of a best-fit calibration fitted to the pairs, in the order the filter sees them.
 std::vector<double> Residuals(ISimpleCollection* a, ISimpleCollection* b) {
   SmartPtr<ICalibrationBestFit> c = NewCalibration();
@@ -44,9 +61,7 @@ std::vector<double> Residuals(ISimpleCollection* a, ISimpleCollection* b) {
   SmartPtr<IDblVector> vector;
   LoadedModule::Get().Create<ITransformResidualErrors>(L"TransformResidualErrors")->GetResidualErrorVector(forward, a, b,
                                                                                                           vector.Out());
-  std::vector<double> values(static_cast<size_t>(Count(vector)));
-  for (size_t i = 0; i < values.size(); ++i) vector->get_Item(static_cast<int>(i), &values[i]);
-  return values;
+  return Values(vector);
 }
 
 // Cube corners under an affine map, each x moved by about 0.5 with the parity of the
@@ -59,74 +74,52 @@ void ParityCube(std::vector<P>* source, std::vector<P>* target, const double (&m
     target->push_back({2 * p.x + 1 + sign * moves[i], p.y - p.z + 3, 0.5 * p.z + p.x});
   }
 }
+constexpr double kUneven[8] = {0.5, 0.52, 0.47, 0.5, 0.55, 0.5, 0.45, 0.5};
 
-TEST(CalibrationFitAndFilter, CleanSetIsAcceptedInTheFirstRound) {
+TEST(CalibrationFitAndFilter, MeanEqualToTheAllowableErrorIsAcceptedWithTheSameCollections) {
   std::vector<P> source, target;
-  Grid(&source, &target);
+  ParityCube(&source, &target, kUneven);
   SmartPtr<ISimpleCollection> a = Points(source), b = Points(target);
-  SmartPtr<ISimpleCollection> keptA, keptB;
-  ASSERT_EQ(NewFilter()->BestFit(NewCalibration(), a, b, keptA.Out(), keptB.Out()), S_OK);
-  EXPECT_EQ(keptA.get(), a.get());
-  EXPECT_EQ(keptB.get(), b.get());
-}
-
-TEST(CalibrationFitAndFilter, MeanEqualToTheAllowableErrorIsAccepted) {
-  std::vector<P> source, target;
-  ParityCube(&source, &target, {0.5, 0.52, 0.47, 0.5, 0.55, 0.5, 0.45, 0.5});
-  SmartPtr<ISimpleCollection> a = Points(source), b = Points(target);
-  double sum = 0;
   const std::vector<double> r = Residuals(a, b);
-  for (double v : r) sum += v;
-  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter();
-  filter->SetFitMethod(0, 10, sum / static_cast<double>(r.size()));
-  SmartPtr<ISimpleCollection> keptA;
-  EXPECT_EQ(filter->BestFit(NewCalibration(), a, b, keptA.Out(), nullptr), S_OK);
-  EXPECT_EQ(keptA.get(), a.get());
+  const Kept kept = Filtered(NewFilter(10, std::accumulate(r.begin(), r.end(), 0.0) / r.size()), a, b);
+  EXPECT_EQ(kept.hr, S_OK);
+  EXPECT_EQ(kept.a.get(), a.get());
+  EXPECT_EQ(kept.b.get(), b.get());
 }
 
 TEST(CalibrationFitAndFilter, ResidualExactlyAtTheCutIsDropped) {
   std::vector<P> source, target;
-  ParityCube(&source, &target, {0.5, 0.52, 0.47, 0.5, 0.55, 0.5, 0.45, 0.5});
+  ParityCube(&source, &target, kUneven);
   SmartPtr<ISimpleCollection> a = Points(source), b = Points(target);
-  std::vector<double> r = Residuals(a, b);
+  const std::vector<double> r = Residuals(a, b);
   std::vector<double> sorted = r;
   std::sort(sorted.begin(), sorted.end());
   // The allowable error is one of the residuals; above 0.9 x the largest it is the cut.
   const double allowable = sorted[3];
-  double sum = 0;
-  for (double v : r) sum += v;
   ASSERT_GE(allowable, 0.9 * sorted.back());
-  ASSERT_GT(sum / r.size(), allowable);
+  ASSERT_GT(std::accumulate(r.begin(), r.end(), 0.0) / r.size(), allowable);
   const long below = std::count_if(r.begin(), r.end(), [&](double v) { return v < allowable; });
   ASSERT_GE(below, 1);
   ASSERT_LT(below, 4);
-  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter();
-  filter->SetFitMethod(0, 2, allowable);  // one cut, then the last round
-  filter->SetMinNbPoints(1);
-  SmartPtr<ISimpleCollection> keptA, keptB;
-  filter->BestFit(NewCalibration(), a, b, keptA.Out(), keptB.Out());
-  EXPECT_EQ(Count(keptA), below);
-  EXPECT_EQ(Count(keptB), below);
+  const Kept kept = Filtered(NewFilter(2, allowable, 1), a, b);  // one cut, then the last round
+  EXPECT_EQ(Count(kept.a), below);
+  EXPECT_EQ(Count(kept.b), below);
 }
 
 TEST(CalibrationFitAndFilter, DropsAGrossOutlierAndRefits) {
   std::vector<P> source, target;
   Grid(&source, &target);
   target[7].x += 60;
-  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter();
-  filter->SetFitMethod(0, 10, 0.01);
   SmartPtr<ICalibrationBestFit> c = NewCalibration();
-  SmartPtr<ISimpleCollection> keptA, keptB;
-  ASSERT_EQ(filter->BestFit(c, Points(source), Points(target), keptA.Out(), keptB.Out()), S_OK);
-  ASSERT_EQ(Count(keptA), 19);
-  EXPECT_EQ(Count(keptB), 19);
+  const Kept kept = Filtered(NewFilter(10, 0.01), Points(source), Points(target), c);
+  ASSERT_EQ(kept.hr, S_OK);
+  ASSERT_EQ(Count(kept.a), 19);
+  EXPECT_EQ(Count(kept.b), 19);
   for (int i = 0; i < 19; ++i) {
-    const P p = PointAt(keptA, i);
+    const P p = PointAt(kept.a, i);
     EXPECT_FALSE(p.x == source[7].x && p.y == source[7].y) << "the outlier survived";
   }
-  double mean = -1;
-  QueryAs<ITransformFitErrors>(c)->GetFitErrors(&mean, nullptr, nullptr);
-  EXPECT_LT(mean, 1e-6);  // the calibration holds the fit without the outlier
+  EXPECT_LT(MeanError(c), 1e-6);  // the calibration holds the fit without the outlier
 }
 
 // Two tests against the minimum: >= on the count before the cut (no collections come
@@ -139,9 +132,7 @@ TEST(CalibrationFitAndFilter, AtTheMinimumBeforeTheCutNoCollectionsComeBack) {
       target.push_back(Homography(source.back()));
     }
   target[8].x += 60;
-  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter();
-  filter->SetFitMethod(0, 10, 0.001);
-  filter->SetMinNbPoints(9);
+  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter(10, 0.001, 9);
   SmartPtr<ISimpleCollection> untouched = Points({{1, 1, 1}});
   ISimpleCollection* outA = untouched.get();
   ISimpleCollection* outB = untouched.get();
@@ -150,9 +141,9 @@ TEST(CalibrationFitAndFilter, AtTheMinimumBeforeTheCutNoCollectionsComeBack) {
   EXPECT_EQ(outB, untouched.get());
   // With 8 allowed the worst pair goes; 8 remain, which is not below 8, and fit exactly.
   filter->SetMinNbPoints(8);
-  SmartPtr<ISimpleCollection> keptA, keptB;
-  EXPECT_EQ(filter->BestFit(NewCalibration(), Points(source), Points(target), keptA.Out(), keptB.Out()), S_OK);
-  EXPECT_EQ(Count(keptA), 8);
+  const Kept kept = Filtered(filter, Points(source), Points(target));
+  EXPECT_EQ(kept.hr, S_OK);
+  EXPECT_EQ(Count(kept.a), 8);
 }
 
 TEST(CalibrationFitAndFilter, ACutBelowTheMinimumHandsBackTheUnfilteredPairs) {
@@ -160,13 +151,10 @@ TEST(CalibrationFitAndFilter, ACutBelowTheMinimumHandsBackTheUnfilteredPairs) {
   std::vector<P> source, target;
   ParityCube(&source, &target, {0.5, 0.5, 0.5, 0.5, 0.5, 0.5, 0.5, 0.5});
   SmartPtr<ISimpleCollection> a = Points(source), b = Points(target);
-  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter();
-  filter->SetFitMethod(0, 10, 0.1);
-  filter->SetMinNbPoints(4);
-  SmartPtr<ISimpleCollection> keptA, keptB;
-  EXPECT_EQ(filter->BestFit(NewCalibration(), a, b, keptA.Out(), keptB.Out()), S_FALSE);
-  EXPECT_EQ(keptA.get(), a.get());
-  EXPECT_EQ(keptB.get(), b.get());
+  const Kept kept = Filtered(NewFilter(10, 0.1, 4), a, b);
+  EXPECT_EQ(kept.hr, S_FALSE);
+  EXPECT_EQ(kept.a.get(), a.get());
+  EXPECT_EQ(kept.b.get(), b.get());
 }
 
 TEST(CalibrationFitAndFilter, IterationLimitsOfZeroAndOneHandBackTheInputs) {
@@ -174,34 +162,28 @@ TEST(CalibrationFitAndFilter, IterationLimitsOfZeroAndOneHandBackTheInputs) {
   Grid(&source, &target);
   target[3].y -= 40;
   SmartPtr<ISimpleCollection> a = Points(source), b = Points(target);
-  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter();
   for (int iterations : {0, 1}) {
-    filter->SetFitMethod(0, iterations, 0.001);
+    SmartPtr<ICalibrationFitAndFilter> filter = NewFilter(iterations, 0.001);
     SmartPtr<ICalibrationBestFit> c = NewCalibration();
     SmartPtr<ISimpleCollection> keptA;
     EXPECT_EQ(filter->BestFit(c, a, b, keptA.Out(), nullptr), S_FALSE);  // a null out is allowed
     EXPECT_EQ(keptA.get(), a.get());
-    double mean = -1;
-    QueryAs<ITransformFitErrors>(c)->GetFitErrors(&mean, nullptr, nullptr);
     if (iterations == 0)
-      EXPECT_EQ(mean, 0.0);  // never fitted
+      EXPECT_EQ(MeanError(c), 0.0);  // never fitted
     else
-      EXPECT_GT(mean, 0.0);
+      EXPECT_GT(MeanError(c), 0.0);
+    EXPECT_EQ(filter->BestFit(nullptr, a, b, nullptr, nullptr), E_FAIL);
+    EXPECT_EQ(filter->BestFit(Points(kNone), a, b, nullptr, nullptr), E_FAIL);  // not a calibration
   }
-  EXPECT_EQ(filter->BestFit(nullptr, a, b, nullptr, nullptr), E_FAIL);
-  EXPECT_EQ(filter->BestFit(Points(kNone), a, b, nullptr, nullptr), E_FAIL);  // not a calibration
 }
 
 TEST(CalibrationFitAndFilter, AllowableErrorIsReadUnderTheNameMaxAllowableError) {
-  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter();
-  ParameterList renamed;
-  renamed.Number(L"MaxAllowableError", 0.75).Number(L"MinNumberPoints", 6);
-  QueryAs<IParametricObject>(filter)->SetParameters(renamed.list);
+  SmartPtr<ICalibrationFitAndFilter> filter = NewFilter(10, 5);
+  QueryAs<IParametricObject>(filter)->SetParameters(ParameterList().Number(L"MaxAllowableError", 0.75).list);
   double allowable = 0;
   filter->GetFitMethod(nullptr, nullptr, &allowable);
   EXPECT_EQ(allowable, 0.75);
   EXPECT_EQ(Parameter(filter, L"AllowableError"), 0.75);
-  EXPECT_EQ(Parameter(filter, L"MinNumberPoints"), 6.0);
 }
 
 }  // namespace

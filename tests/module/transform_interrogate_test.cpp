@@ -26,6 +26,13 @@ SmartPtr<ITransformInterrogate> Ask() {
   return LoadedModule::Get().Create<ITransformInterrogate>(L"TransformInterrogate");
 }
 
+// The Euler angles a, b and c of a matrix, as x, y and z.
+P EulerAngles(const Matrix& matrix, short convention) {
+  P angles{9, 9, 9};
+  EXPECT_EQ(Ask()->GetEulerAngles(matrix.t, convention, &angles.x, &angles.y, &angles.z), S_OK);
+  return angles;
+}
+
 TEST(TransformInterrogate, EulerAnglesOfEachBranch) {
   const double c4 = std::cos(0.4), s4 = std::sin(0.4), c2 = std::cos(0.2), s2 = std::sin(0.2);
   const double c25 = std::cos(2.5), s25 = std::sin(2.5);
@@ -42,50 +49,35 @@ TEST(TransformInterrogate, EulerAnglesOfEachBranch) {
       {"m[2] = 1", {{0, c4}, {1, s4}, {2, 1}, {4, 0.6}, {8, 0.8}}, 0, std::atan2(-0.6, -0.8), kPi / 2},
       {"m[2] = -1", {{0, c4}, {1, s4}, {2, -1}, {4, 0.6}, {8, 0.8}}, 0, std::atan2(0.6, 0.8), -kPi / 2},
   };
-  SmartPtr<ITransformInterrogate> ask = Ask();
   for (const auto& k : cases) {
-    double a = 9, b = 9, c = 9;
-    ASSERT_EQ(ask->GetEulerAngles(k.matrix.t, 0, &a, &b, &c), S_OK) << k.label;
-    EXPECT_NEAR(a, k.a, kRounding) << k.label;
-    EXPECT_NEAR(b, k.b, kRounding) << k.label;
-    EXPECT_NEAR(c, k.c, kRounding) << k.label;
+    SCOPED_TRACE(k.label);
+    ExpectNear(EulerAngles(k.matrix, 0), {k.a, k.b, k.c}, kRounding);
   }
 }
 
 TEST(TransformInterrogate, ConventionTwoReadsTheThirdRow) {
   // b = asin(m[9]); with k = sqrt(1 - m[9]^2): c = asin(-m[8] / k), a = asin(-m[1] / k).
   const double k = std::sqrt(0.75);
-  const Matrix matrix{{9, 0.5}, {8, -0.3 * k}, {1, 0.2 * k}};
-  double a = 9, b = 9, c = 9;
-  ASSERT_EQ(Ask()->GetEulerAngles(matrix.t, 2, &a, &b, &c), S_OK);
-  EXPECT_NEAR(b, kPi / 6, kRounding);
-  EXPECT_NEAR(c, std::asin(0.3), kRounding);
-  EXPECT_NEAR(a, std::asin(-0.2), kRounding);
+  ExpectNear(EulerAngles({{9, 0.5}, {8, -0.3 * k}, {1, 0.2 * k}}, 2), {std::asin(-0.2), kPi / 6, std::asin(0.3)},
+             kRounding);
 }
 
 TEST(TransformInterrogate, ConventionTwoAtAQuarterTurnDividesByZeroAsStated) {
-  const Matrix matrix{{9, 1}, {8, 0.5}};
-  double a = 9, b = 9, c = 9;
-  ASSERT_EQ(Ask()->GetEulerAngles(matrix.t, 2, &a, &b, &c), S_OK);
-  EXPECT_NEAR(b, kPi / 2, kRounding);
-  EXPECT_TRUE(std::isnan(a));
-  EXPECT_TRUE(std::isnan(c));
+  const P angles = EulerAngles({{9, 1}, {8, 0.5}}, 2);
+  EXPECT_NEAR(angles.y, kPi / 2, kRounding);
+  EXPECT_TRUE(std::isnan(angles.x));
+  EXPECT_TRUE(std::isnan(angles.z));
 }
 
 TEST(TransformInterrogate, ScaleIsTheLengthOfEachRowAndIgnoresTheProjectiveColumn) {
   // Rows (1, 2, 2 | 7), (0, 3, 4), (0, 0, 1): lengths 3, 5 and 1; the columns would give
   // 1, sqrt 13 and sqrt 21.
   const Matrix matrix{{1, 2}, {2, 2}, {3, 7}, {5, 3}, {6, 4}, {12, 4}, {13, -5}, {14, 6}};
-  SmartPtr<ITransformInterrogate> ask = Ask();
-  double x = 0, y = 0, z = 0;
-  ASSERT_EQ(ask->GetScale(matrix.t, &x, &y, &z), S_OK);
-  EXPECT_NEAR(x, 3.0, kRounding);
-  EXPECT_NEAR(y, 5.0, kRounding);
-  EXPECT_NEAR(z, 1.0, kRounding);
-  ASSERT_EQ(ask->GetTranslation(matrix.t, &x, &y, &z), S_OK);
-  EXPECT_EQ(x, 4.0);
-  EXPECT_EQ(y, -5.0);
-  EXPECT_EQ(z, 6.0);
+  P scale{0, 0, 0}, move{0, 0, 0};
+  ASSERT_EQ(Ask()->GetScale(matrix.t, &scale.x, &scale.y, &scale.z), S_OK);
+  ExpectNear(scale, {3, 5, 1}, kRounding);
+  ASSERT_EQ(Ask()->GetTranslation(matrix.t, &move.x, &move.y, &move.z), S_OK);
+  ExpectNear(move, {4, -5, 6}, 0.0);
 }
 
 TEST(TransformInterrogate, NullTransformIsInvalid) {

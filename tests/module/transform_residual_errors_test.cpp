@@ -21,24 +21,15 @@ SmartPtr<ITransformResidualErrors> NewResiduals() {
   return LoadedModule::Get().Create<ITransformResidualErrors>(L"TransformResidualErrors");
 }
 
-std::vector<double> Values(IDblVector* v) {
-  std::vector<double> values(static_cast<size_t>(Count(v)));
-  for (size_t i = 0; i < values.size(); ++i) v->get_Item(static_cast<int>(i), &values[i]);
-  return values;
-}
-
 TEST(TransformResidualErrors, NullTransformGivesSourceMinusTargetOverTheShorterSet) {
-  SmartPtr<ITransformResidualErrors> residuals = NewResiduals();
   SmartPtr<ISimpleCollection> source = Points({{3, 4, 0}, {1, 1, 1}, {9, 9, 9}}), target = Points({{0, 0, 0}, {1, 1, 3}});
   SmartPtr<ISimpleCollection> differences;
-  ASSERT_EQ(residuals->GetResidualErrorPoints(nullptr, source, target, differences.Out()), S_OK);
+  ASSERT_EQ(NewResiduals()->GetResidualErrorPoints(nullptr, source, target, differences.Out()), S_OK);
   ASSERT_EQ(Count(differences), 2);
-  const P first = PointAt(differences, 0), second = PointAt(differences, 1);
-  EXPECT_EQ(first.x, 3.0);
-  EXPECT_EQ(first.y, 4.0);
-  EXPECT_EQ(second.z, -2.0);
+  ExpectNear(PointAt(differences, 0), {3, 4, 0}, 0.0);
+  ExpectNear(PointAt(differences, 1), {0, 0, -2}, 0.0);
   SmartPtr<IDblVector> lengths;
-  ASSERT_EQ(residuals->GetResidualErrorVector(nullptr, source, target, lengths.Out()), S_OK);
+  ASSERT_EQ(NewResiduals()->GetResidualErrorVector(nullptr, source, target, lengths.Out()), S_OK);
   EXPECT_EQ(Values(lengths), (std::vector<double>{5.0, 2.0}));
 }
 

@@ -55,14 +55,6 @@ TEST(Jacobi, SymmetricMatricesWithKnownEigenpairs) {
   }
 }
 
-TEST(Jacobi, DiagonalMatrixStopsAtOnce) {
-  double a[9] = {3, 0, 0, 0, -1, 0, 0, 0, 2};
-  CMatrixEigenVectors eig;
-  eig.Jacobi(a, 3);
-  EXPECT_EQ(std::vector<double>(eig.m_EigenValues, eig.m_EigenValues + 3), (std::vector<double>{3, -1, 2}));
-  EXPECT_EQ(std::vector<double>(eig.m_EigenVectors, eig.m_EigenVectors + 9), Identity(3));
-}
-
 TEST(Jacobi, SmallerSizesUseStrideThree) {
   CMatrixEigenVectors eig;
   double a3[9] = {2, 1, 0, 1, 2, 0, 0, 0, 7};

@@ -99,14 +99,6 @@ TEST(DateTimerLocal, SecondsCountUsesLocalTimeAndKeepsWeekDay) {
   tzset();
 }
 
-TEST(DateTimerLocal, ResetSetsAConsistentWeekDay) {
-  CDateTimer t;
-  t.Reset();
-  EXPECT_GE(t.Year, 2024);
-  EXPECT_EQ(t.WeekDay, CDateTimer::GetDayOfWeek(t.Day, t.Month, t.Year) + 1);
-  EXPECT_EQ(t.Second, static_cast<float>(static_cast<int>(t.Second)));
-}
-
 TEST(DateTimerDayOfWeek, KnownDatesAndMonthsOutsideTheTable) {
   EXPECT_EQ(CDateTimer::GetDayOfWeek(1, 1, 1970), 4);   // Thursday
   EXPECT_EQ(CDateTimer::GetDayOfWeek(1, 1, 2000), 6);   // Saturday
