@@ -31,7 +31,9 @@ typedef HRESULT (*CreatorFn)(void*, IID*, void**);
 
 tagREFString Ref(const wchar_t* text) { return tagREFString{static_cast<int32_t>(std::wcslen(text)), text}; }
 
-// The module and the global collection, loaded once as a framework host does.
+// The module and the global collection, loaded once as a framework host does. Not the
+// host library's ModuleHost: that registers an "EventLogGlobal", and the calibration would
+// then format and hand over its log lines inside the timed loop.
 struct Host {
   CreateFn create = nullptr;
   IComponentCollection* components = nullptr;

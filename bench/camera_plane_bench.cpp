@@ -6,7 +6,6 @@
 // near 0). Where Eigen is present, the same 3 x 3 system of the plane route is built and
 // solved with it in this binary, and the ratio closes the output. Runs from the build folder, where _binlinux/ holds the module and its peers.
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 
 #include <atomic>
 #include <cmath>
@@ -15,7 +14,7 @@
 #include <vector>
 
 #include "bench/RatioReporter.h"
-#include "frame/Object.h"
+#include "host/client/ModuleHost.h"
 
 #ifdef ZELTRIM_HAVE_EIGEN
 #include <Eigen/Dense>
@@ -40,47 +39,13 @@ void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
-typedef HRESULT (*CreateFn)(tagREFString, void**);
-typedef HRESULT (*InitFn)(void*, IComponentCollection*);
-typedef HRESULT (*CreatorFn)(void*, IID*, void**);
-
-tagREFString Ref(const wchar_t* text) { return tagREFString{static_cast<int32_t>(std::wcslen(text)), text}; }
-
 // The module and the global collection, loaded once as a framework host does.
-struct Host {
-  CreateFn create = nullptr;
-  bool ok = false;
-
-  static Host& Get() {
-    static Host host;
-    return host;
-  }
-  Host() {
-    void* peer = dlopen("./_binlinux/CollectionsEx.so", RTLD_NOW);
-    void* module = dlopen("./_binlinux/Zeltrim.so", RTLD_NOW);
-    if (!peer || !module) return;
-    void* creator = nullptr;
-    auto peerCreate = reinterpret_cast<CreateFn>(dlsym(peer, "CreateFunction"));
-    if (!peerCreate || peerCreate(Ref(L"GlobalComponentCollection"), &creator) != S_OK) return;
-    IID iid = IID_IComponentCollection;
-    void* collection = nullptr;
-    reinterpret_cast<CreatorFn>(creator)(nullptr, &iid, &collection);
-    create = reinterpret_cast<CreateFn>(dlsym(module, "CreateFunction"));
-    auto init = reinterpret_cast<InitFn>(dlsym(module, "InitializeModule"));
-    ok = collection && create && init && init(nullptr, static_cast<IComponentCollection*>(collection)) == 0;
-  }
-
-  template <class I>
-  SmartPtr<I> Module(const wchar_t* name) {
-    SmartPtr<I> result;
-    void* creator = nullptr;
-    void* object = nullptr;
-    IID iid = I::Iid();
-    if (ok && create(Ref(name), &creator) == S_OK && reinterpret_cast<CreatorFn>(creator)(nullptr, &iid, &object) == S_OK)
-      result.Attach(static_cast<I*>(object));
-    return result;
-  }
-};
+ModuleHost& Host() {
+  static ModuleHost host;
+  static const bool loaded = host.Load(ExecutableFolder());
+  (void)loaded;
+  return host;
+}
 
 // P = K [R | t] by rows, a camera 10 units from the origin.
 struct Camera {
@@ -118,9 +83,8 @@ const std::vector<double>& ImagePoints() {
 const double kPlane[4] = {0.1, -0.05, 1.0, 0.3};
 
 SmartPtr<ICamera3DCalibrationPlane> Locator(const wchar_t* cameraClass, const double (&p)[3][4]) {
-  Host& host = Host::Get();
-  SmartPtr<ICamera3DTransform> camera = host.Module<ICamera3DTransform>(cameraClass);
-  SmartPtr<ICamera3DCalibrationPlane> o = host.Module<ICamera3DCalibrationPlane>(L"Camera3DCalibrationPlane");
+  SmartPtr<ICamera3DTransform> camera = Host().Create<ICamera3DTransform>(cameraClass);
+  SmartPtr<ICamera3DCalibrationPlane> o = Host().Create<ICamera3DCalibrationPlane>(L"Camera3DCalibrationPlane");
   if (!camera || !o) return SmartPtr<ICamera3DCalibrationPlane>();
   double* m = nullptr;
   camera->GetMatrix(&m, nullptr, nullptr);

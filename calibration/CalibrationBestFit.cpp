@@ -2,6 +2,7 @@
 
 #include "frame/StringRefs.h"
 #include "persist/ParametricImpl.h"
+#include "persist/XmlElements.h"
 
 const tagREFString CCalibrationBestFit::m_ObjectName = {18, L"CalibrationBestFit"};
 
@@ -191,22 +192,17 @@ HRESULT CCalibrationBestFit::PersistLoad(IDataStream* stream, int flags) {
   }
   SmartPtr<IXMLStream> xml = QueryAs<IXMLStream>(stream);
   if (!xml) return E_FAIL;
-  tagREFString tag{0, nullptr};
-  while (xml->NextTag(&tag) >= 0) {
-    const CREFString name(tag);
-    tagREFString found{0, nullptr};
-    SmartPtr<IUnknown> content;
-    if (xml->ReadElement(tag.m_Length, tag.m_Text, &found, content.Out(), 0) < 0) break;
+  ForEachXmlElement(xml, [&](const CREFString& name, IUnknown* content) {
     SmartPtr<IDataStream> part = QueryAs<IDataStream>(content);
-    if (!part) continue;
-    if (name.CompareI(RefOf(L"ForwardTransform"), 0) == S_OK) {
+    if (!part) return;
+    if (IsTag(name, L"ForwardTransform")) {
       if (SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(m_Forward)) persist->Load(part, flags);
-    } else if (name.CompareI(RefOf(L"ReverseTransform"), 0) == S_OK) {
+    } else if (IsTag(name, L"ReverseTransform")) {
       if (SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(m_Reverse)) persist->Load(part, flags);
-    } else if (name.CompareI(RefOf(L"Info"), 0) == S_OK) {
+    } else if (IsTag(name, L"Info")) {
       InfoBlock::Load(part, 0);
     }
-  }
+  });
   // The end of the tags is the only way out, and it reports E_FAIL.
   return E_FAIL;
 }

@@ -11,6 +11,7 @@
 #include "numeric/MatrixSVD.h"
 #include "numeric/MatrixUtils.h"
 #include "persist/FileName.h"
+#include "persist/XmlElements.h"
 
 #define ZELTRIM_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -288,14 +289,8 @@ HRESULT CCamera3DCalibrationPlane::PersistLoad(IDataStream* stream, int flags) {
   }
   SmartPtr<IXMLStream> xml = QueryAs<IXMLStream>(stream);
   if (!xml) return E_FAIL;
-  tagREFString tag{0, nullptr};
-  while (xml->NextTag(&tag) >= 0) {
-    const CREFString name(tag);
-    tagREFString found{0, nullptr};
-    SmartPtr<IUnknown> content;
-    if (xml->ReadElement(tag.m_Length, tag.m_Text, &found, content.Out(), 0) < 0) break;
-    auto is = [&name](const wchar_t* key) { return name.CompareI(RefOf(key), 0) == S_OK; };
-    if (is(L"Transform")) {
+  ForEachXmlElement(xml, [&](const CREFString& name, IUnknown* content) {
+    if (IsTag(name, L"Transform")) {
       SmartPtr<IUnknown> read;
       tagREFString first{0, nullptr};
       SmartPtr<IXMLStream> inner = QueryAs<IXMLStream>(content);
@@ -303,17 +298,17 @@ HRESULT CCamera3DCalibrationPlane::PersistLoad(IDataStream* stream, int flags) {
       SmartPtr<ICamera3DTransform> camera = QueryAs<ICamera3DTransform>(read);
       if (!camera) camera = CreateHostObject<ICamera3DTransform>(L"Camera3DTransform");
       SetCamera(camera);
-    } else if (is(L"Plane")) {
+    } else if (IsTag(name, L"Plane")) {
       if (!m_Plane) m_Plane.Attach(GEOObject::CreatePlane());
       SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(m_Plane);
       SmartPtr<IDataStream> part = QueryAs<IDataStream>(content);
       if (persist && part) persist->Load(part, flags);
-    } else if (is(L"Info")) {
+    } else if (IsTag(name, L"Info")) {
       if (SmartPtr<IDataStream> part = QueryAs<IDataStream>(content)) InfoBlock::Load(part, 0);
-    } else if (is(L"Filename")) {
+    } else if (IsTag(name, L"Filename")) {
       StoreFilename(QueryAs<IString>(content));
     }
-  }
+  });
   return S_OK;
 }
 

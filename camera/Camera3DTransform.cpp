@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "camera/CameraMatrix.h"
 #include "camera/CameraTextFile.h"
 #include "frame/Components.h"
 #include "frame/StringRefs.h"
@@ -22,13 +23,6 @@ const int kUnknowns = 11;  // p0 to p10 of the linear solve; p11 is fixed to 1
 const int kEntries = 12;
 
 typedef ICALIBRATIONInfoImpl<CCamera3DTransform, ICalibrationInfo> InfoBlock;
-
-// u and v of world point (X, Y, Z) under the twelve entries of P held by columns.
-void Project(const double* p, double X, double Y, double Z, double* u, double* v) {
-  const double w = p[2] * X + p[5] * Y + p[8] * Z + p[11];
-  *u = (p[0] * X + p[3] * Y + p[6] * Z + p[9]) / w;
-  *v = (p[1] * X + p[4] * Y + p[7] * Z + p[10]) / w;
-}
 
 // The counts of two collections and the smaller of them; a failing count is returned.
 HRESULT SmallerCount(ISimpleCollection* a, ISimpleCollection* b, int* n) {
@@ -224,7 +218,7 @@ void CCamera3DTransform::EvaluateResiduals(const double* p, int m, double* resid
       point[0] = image[0], point[1] = image[1], point[2] = world[0], point[3] = world[1], point[4] = world[2];
     }
     double u = 0, v = 0;
-    Project(p, point[2], point[3], point[4], &u, &v);
+    CameraProject(p, point[2], point[3], point[4], &u, &v);
     const double du = point[0] - u, dv = point[1] - v;
     residuals[i] = du * du + dv * dv;
   }
@@ -247,11 +241,7 @@ HRESULT CCamera3DTransform::GetPages(int, INamedCollection** pages, IUnknown**) 
 
 HRESULT CCamera3DTransform::SolveMatrix(double* out, double u, double v) {
   if (!out) return E_POINTER;
-  const double* p = m_Matrix;
-  for (int i = 0; i < 4; ++i) {
-    out[i] = p[3 * i] - u * p[3 * i + 2];
-    out[4 + i] = p[3 * i + 1] - v * p[3 * i + 2];
-  }
+  CameraRayPlanes(m_Matrix, u, v, out);
   return S_OK;
 }
 
@@ -264,7 +254,7 @@ HRESULT CCamera3DTransform::GetMatrix(double** data, int* rows, int* cols) {
 
 HRESULT CCamera3DTransform::Convert(double* x, double* y, double* z) {
   if (!x || !y || !z) return E_POINTER;
-  Project(m_Matrix, *x, *y, *z, x, y);
+  CameraProject(m_Matrix, *x, *y, *z, x, y);
   *z = 0.0;
   return S_OK;
 }

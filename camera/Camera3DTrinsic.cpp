@@ -6,12 +6,14 @@
 #include <cstring>
 #include <cwctype>
 
+#include "camera/CameraMatrix.h"
 #include "camera/CameraTextFile.h"
 #include "frame/Components.h"
 #include "frame/StringRefs.h"
 #include "numeric/MatrixSVD.h"
 #include "numeric/MatrixUtils.h"
 #include "persist/ParametricImpl.h"
+#include "persist/XmlElements.h"
 
 const tagREFString CCamera3DTrinsic::m_ObjectName = {15, L"Camera3DTrinsic"};
 
@@ -179,11 +181,7 @@ HRESULT CCamera3DTrinsic::GetMatrix(int id, double** data, int* rows, int* cols)
 }
 
 HRESULT CCamera3DTrinsic::Convert(double* x, double* y, double* z) {
-  const double* p = m_Combined;
-  double w[3];
-  for (int r = 0; r < 3; ++r) w[r] = *x * p[r] + *y * p[3 + r] + *z * p[6 + r] + p[9 + r];
-  *x = w[0] / w[2];
-  *y = w[1] / w[2];
+  CameraProject(m_Combined, *x, *y, *z, x, y);
   *z = 0.0;
   return S_OK;
 }
@@ -201,11 +199,7 @@ HRESULT CCamera3DTrinsic::Revert(double* x, double* y, double* z) {
 
 HRESULT CCamera3DTrinsic::SolveMatrix(double* out, double u, double v) {
   if (!out) return E_POINTER;
-  const double* p = m_Combined;
-  for (int i = 0; i < 4; ++i) {
-    out[i] = p[3 * i] - u * p[3 * i + 2];
-    out[4 + i] = p[3 * i + 1] - v * p[3 * i + 2];
-  }
+  CameraRayPlanes(m_Combined, u, v, out);
   return S_OK;
 }
 
@@ -355,22 +349,15 @@ HRESULT CCamera3DTrinsic::PersistLoad(IDataStream* stream, int) {
   if (!xml) return E_FAIL;
   double* const doubles[] = {&m_fSx, &m_fSy, &m_Skew, &m_CenterX, &m_CenterY};
   const wchar_t* const doubleNames[] = {L"fSx", L"fSy", L"Skew", L"CenterX", L"CenterY"};
-  tagREFString tag{0, nullptr};
-  while (xml->NextTag(&tag) >= 0) {
-    const CREFString name(tag);
-    tagREFString found{0, nullptr};
-    SmartPtr<IUnknown> content;
-    if (xml->ReadElement(tag.m_Length, tag.m_Text, &found, content.Out(), 0) < 0) break;
+  ForEachXmlElement(xml, [&](const CREFString& name, IUnknown* content) {
     SmartPtr<IString> text = QueryAs<IString>(content);
     const CREFString value = ViewOf(text);
-    auto is = [&name](const wchar_t* key) { return name.CompareI(RefOf(key), 0) == S_OK; };
-    bool done = false;
-    for (int i = 0; i < 5 && !done; ++i)
+    auto is = [&name](const wchar_t* key) { return IsTag(name, key); };
+    for (int i = 0; i < 5; ++i)
       if (is(doubleNames[i])) {
         *doubles[i] = _IS2Double(value);
-        done = true;
+        return;
       }
-    if (done) continue;
     if (is(L"NormalizeImageWidth"))
       m_NormalizeImageWidth = _IS2Integer(value, 10);
     else if (is(L"NormalizeImageHeight"))
@@ -386,7 +373,7 @@ HRESULT CCamera3DTrinsic::PersistLoad(IDataStream* stream, int) {
     else if (is(L"Info")) {
       if (SmartPtr<IDataStream> part = QueryAs<IDataStream>(content)) InfoBlock::Load(part, 0);
     }
-  }
+  });
   // P and the five scalars follow from A and the pose; K stays as it was.
   m_NormalizedInverseValid = 0;
   GetMatrix(9, nullptr, nullptr, nullptr);

@@ -15,6 +15,7 @@
 #include "numeric/MatrixUtils.h"
 #include "numeric/MatrixVariance.h"
 #include "persist/ParametricImpl.h"
+#include "persist/XmlElements.h"
 
 const tagREFString CTransformBestFit::m_ObjectName = {16, L"TransformBestFit"};
 
@@ -453,19 +454,13 @@ HRESULT CTransformBestFit::Load(IDataStream* stream, int) {
   }
   SmartPtr<IXMLStream> xml = QueryAs<IXMLStream>(stream);
   if (!xml) return E_FAIL;
-  tagREFString tag{0, nullptr};
-  while (xml->NextTag(&tag) >= 0) {
-    const CREFString name(tag);
-    SmartPtr<IUnknown> content;
-    tagREFString found{0, nullptr};
-    // Every element is consumed; one that cannot be read ends the walk.
-    if (xml->ReadElement(tag.m_Length, tag.m_Text, &found, content.Out(), 0) < 0) break;
+  ForEachXmlElement(xml, [&](const CREFString& name, IUnknown* content) {
     SmartPtr<IString> text = QueryAs<IString>(content);
     const CREFString value = ViewOf(text);
-    if (name.CompareI(RefOf(L"Error"), 0) == S_OK)
+    if (IsTag(name, L"Error"))
       CMatrixUtils().fromString(value, &Error, 1, 1);
-    else if (name.CompareI(RefOf(L"Matrix"), 0) == S_OK)
+    else if (IsTag(name, L"Matrix"))
       CMatrixUtils().fromString(value, m_Matrix, 4, 4);
-  }
+  });
   return S_OK;
 }

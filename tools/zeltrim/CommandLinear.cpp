@@ -108,11 +108,7 @@ int RunLinear(CommandContext& context) {
   if (const int status = CheckSavePath(s.save)) return status;
 
   std::vector<Point3> points;
-  for (const std::string& text : s.points) {
-    Point3 p;
-    if (!ParsePoint(text, &p, &error)) return Fail(error);
-    points.push_back(p);
-  }
+  if (!ParsePoints(s.points, &points, &error)) return Fail(error);
   if (s.points.empty() && s.save.empty() && !ReadPoints(std::cin, &points, &error))
     return Fail("standard input, " + error);
 

@@ -93,11 +93,7 @@ int RunLocate(CommandContext& context) {
   if (!ParseSettings(context, &s, &error)) return Fail(error);
   if (const int status = CheckSavePath(s.save)) return status;
   std::vector<Point3> points;
-  for (const std::string& text : s.points) {
-    Point3 p;
-    if (!ParsePoint(text, &p, &error)) return Fail(error);
-    points.push_back(p);
-  }
+  if (!ParsePoints(s.points, &points, &error)) return Fail(error);
 
   // The camera: a file of either camera class, holding a matrix.
   ModuleHost& host = *context.host;

@@ -98,11 +98,7 @@ int Run(CommandContext& context, bool unproject) {
   std::string error;
   if (!ParseSettings(context, unproject, &s, &error)) return Fail(error);
   std::vector<Point3> points;
-  for (const std::string& text : s.points) {
-    Point3 p;
-    if (!ParsePoint(text, &p, &error)) return Fail(error);
-    points.push_back(p);
-  }
+  if (!ParsePoints(s.points, &points, &error)) return Fail(error);
   Camera camera;
   if (const int status = LoadCamera(*context.host, s.file, &camera)) return status;
   if (s.points.empty() && !ReadPoints(std::cin, &points, &error)) return Fail("standard input, " + error);

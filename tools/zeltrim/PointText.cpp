@@ -63,6 +63,15 @@ bool ParsePoint(const std::string& text, Point3* point, std::string* error, int 
   return true;
 }
 
+bool ParsePoints(const std::vector<std::string>& texts, std::vector<Point3>* points, std::string* error) {
+  for (const std::string& text : texts) {
+    Point3 p;
+    if (!ParsePoint(text, &p, error)) return false;
+    points->push_back(p);
+  }
+  return true;
+}
+
 bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error, int numbers) {
   std::string line;
   int number = 0;

@@ -14,6 +14,9 @@ struct Point3 {
 // when `numbers` is 2 or 3, for any other count than that (a missing z is 0).
 bool ParsePoint(const std::string& text, Point3* point, std::string* error, int numbers = 0);
 
+// Parses every text of `texts` into `points` (appended); false with *error set on the first bad one.
+bool ParsePoints(const std::vector<std::string>& texts, std::vector<Point3>* points, std::string* error);
+
 // Reads every point of a stream; false with "line N: ..." in *error on the first bad line.
 // `numbers` as for ParsePoint.
 bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error, int numbers = 0);
