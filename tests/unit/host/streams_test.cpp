@@ -65,14 +65,6 @@ TEST(Streams, DataStreamWritesSeeksAndReadsBack) {
   EXPECT_LT(s->Write("x", 1, 0), 0);
 }
 
-TEST(Streams, CSVStreamShowsItsBytesAsWideText) {
-  SmartPtr<ICSVStream> csv = CreateHostObject<ICSVStream>(L"CSVStream");
-  ASSERT_EQ(csv->Setup(nullptr, 1000, 1), S_OK);
-  WriteRaw(csv, L"1,2\r\n");
-  csv->Write(L"3", 2, 0);  // half a character: not shown
-  EXPECT_EQ(TextOf(csv), L"1,2\r\n");
-}
-
 // The module writes wide text (4 bytes a character) into a data stream for its text
 // reports; a data stream's own text view shows single bytes, so its buffer is what counts.
 TEST(Streams, ASCIIStreamWritesUtf8OfTextAndOfADataStreamsWideBuffer) {

@@ -8,28 +8,21 @@
 
 #include "frame/Object.h"
 #include "frame/RefString.h"
+#include "tests/unit/TestText.h"
 #include "tests/unit/numeric/NumericTestSupport.h"
 
 using numeric_test::MaxAbsDiff;
 using numeric_test::Product;
 using numeric_test::RandomMatrix;
+using test_text::TextOf;
+using test_text::View;
 
 namespace {
 
 const double kRoundingTol = 1e-12;
 const double kSixDecimals = 5e-7;  // "%f" keeps six decimals
 
-tagREFString View(const std::wstring& s) { return tagREFString{static_cast<int32_t>(s.size()), s.c_str()}; }
-
 std::vector<double> Identity3() { return {1, 0, 0, 0, 1, 0, 0, 0, 1}; }
-
-// The text of a host string (the reference host beside the tests in _binlinux).
-std::wstring TextOf(IString* text) {
-  const wchar_t* chars = nullptr;
-  int length = 0;
-  if (!text || text->GetString(&chars, &length) < 0) return L"<failed>";
-  return std::wstring(chars, static_cast<size_t>(length));
-}
 
 // The text form that AppendText gives a matrix, through a host string.
 std::wstring TextForm(const double* m, int rows, int cols) {
@@ -144,13 +137,6 @@ TEST(MatrixUtilsSetHomogeneousRotation, ZeroDirectionLeavesMatrixAlone) {
   EXPECT_EQ(u.SetHomogeneousRotation(m, zero, dir), -1);
   EXPECT_EQ(u.SetHomogeneousRotation(m, dir, zero), -1);
   for (double x : m) EXPECT_EQ(x, 7.0);
-}
-
-TEST(MatrixUtilsText, WritesSixDecimalsCommaSeparatedRows) {
-  const double identity[4] = {1, 0, 0, 1}, row[3] = {-2.5, 1234.0625, 1e-7};
-  EXPECT_EQ(TextForm(identity, 2, 2), L"1.000000, 0.000000\n0.000000, 1.000000\n");
-  EXPECT_EQ(TextForm(row, 1, 3), L"-2.500000, 1234.062500, 0.000000\n");
-  EXPECT_EQ(TextForm(row, 0, 3) + TextForm(row, 3, 0), L"");
 }
 
 TEST(MatrixUtilsText, RoundTripThroughTheTextForm) {

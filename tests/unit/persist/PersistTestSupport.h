@@ -20,22 +20,12 @@
 
 namespace persist_test {
 
+using test_text::Str;
 using test_text::Take;
 using test_text::ViewText;
 
-inline SmartPtr<IString> Str(const wchar_t* text) {
-  SmartPtr<IString> s;
-  s.Attach(ISCreate(text));
-  return s;
-}
-
 // The whole text of a stream, through its IString.
-inline std::wstring StreamText(IUnknown* stream) {
-  SmartPtr<IString> text = QueryAs<IString>(stream);
-  if (!text) return L"<no text>";
-  text->AddRef();
-  return Take(text.get());
-}
+inline std::wstring StreamText(IUnknown* stream) { return test_text::TextOf(stream); }
 
 // XML text without its line ends and indentation, for comparing with one line.
 inline std::wstring Flat(const std::wstring& text) { return std::regex_replace(text, std::wregex(L"\r\n *"), L""); }
