@@ -315,17 +315,7 @@ HRESULT CCamera3DCalibrationPlane::PersistLoad(IDataStream* stream, int flags) {
 HRESULT CCamera3DCalibrationPlane::Save() {
   SmartPtr<IString> filename;
   get_Filename(filename.Out());
-  HRESULT hr = E_FAIL;
-  switch (CameraFileFormOf(filename)) {
-    case CAMERA_FILE_XML: hr = SaveXML(nullptr, 0); break;
-    case CAMERA_FILE_FOLDER: hr = SaveFolderStream(); break;
-    case CAMERA_FILE_TEXT: break;
-  }
-  if (hr >= 0) {
-    m_Modified = 0;
-    m_Current = 1;
-    return S_OK;
-  }
+  if (CameraArchiveSaveStream<CCamera3DCalibrationPlane>(this, filename.get()) >= 0) return S_OK;
 
   // The text report: the camera's own text form, then the plane, made 8-bit.
   SmartPtr<IDataStream> wide, narrow;

@@ -32,25 +32,31 @@ HRESULT CameraTextFileSave(IString* filename, IDataPersist* object);
 // 4, the size of the text held). E_FAIL when the file cannot be read or there is no stream.
 HRESULT CameraTextFileLoad(IString* filename, IDataPersist* object, int sizeFactor);
 
-// IFileArchive::Save() of a camera class T (an IFileArchiveImpl<T, IFileArchive>):
-// XML or folder stream by the extension; a non-negative result there marks the archive
-// saved and current and gives S_OK. Everything else goes to the text form, whose result
-// is returned as it stands.
+// The archive part of IFileArchive::Save() of a camera class T (an IFileArchiveImpl<T,
+// IFileArchive>): XML or folder stream by the extension of `filename`; a non-negative
+// result there marks the archive saved and current and gives S_OK. E_FAIL for the text
+// form, or when the archive route fails: the class then writes its text form.
 template <class T>
-HRESULT CameraArchiveSave(IFileArchiveImpl<T, IFileArchive>* archive, IDataPersist* object) {
-  SmartPtr<IString> filename;
-  archive->get_Filename(filename.Out());
+HRESULT CameraArchiveSaveStream(IFileArchiveImpl<T, IFileArchive>* archive, IString* filename) {
   HRESULT hr = E_FAIL;
   switch (CameraFileFormOf(filename)) {
     case CAMERA_FILE_XML: hr = archive->SaveXML(nullptr, 0); break;
     case CAMERA_FILE_FOLDER: hr = archive->SaveFolderStream(); break;
     case CAMERA_FILE_TEXT: break;
   }
-  if (hr >= 0) {
-    archive->Control(ARCHIVE_MODIFIED, 0);
-    archive->Control(ARCHIVE_CURRENT, 1);
-    return S_OK;
-  }
+  if (hr < 0) return E_FAIL;
+  archive->Control(ARCHIVE_MODIFIED, 0);
+  archive->Control(ARCHIVE_CURRENT, 1);
+  return S_OK;
+}
+
+// IFileArchive::Save() of a camera class T: the archive part, else the text form, whose
+// result is returned as it stands.
+template <class T>
+HRESULT CameraArchiveSave(IFileArchiveImpl<T, IFileArchive>* archive, IDataPersist* object) {
+  SmartPtr<IString> filename;
+  archive->get_Filename(filename.Out());
+  if (CameraArchiveSaveStream(archive, filename.get()) >= 0) return S_OK;
   return CameraTextFileSave(filename, object);
 }
 
