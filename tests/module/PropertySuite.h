@@ -69,6 +69,11 @@ struct ClassTraits {
   bool setParametersIgnored = false;              // SetParameters does nothing by contract
   std::vector<std::wstring> parametersNotReadBack = {};  // written by GetParameters, not read by SetParameters
   double revertTolerance = 0;  // Revert(Convert(p)) comes back to p within this
+  // Revert is no inverse of Convert (a one-way mapping, a first-order inverse): the
+  // class's own tests hold what each does.
+  bool convertRevertIsNoRoundTrip = false;
+  // GetFitErrors of ITransformFitErrors is a stub with this result (no fit to report).
+  HRESULT fitErrorsResult = S_OK;
   std::function<HRESULT(IUnknown*, ISimpleCollection*, ISimpleCollection*)> fit = nullptr;
   std::vector<FitCase> badFits = {};
   std::vector<Page> pages = {};  // empty: not checked here
