@@ -24,6 +24,8 @@ int RunProject(CommandContext& context);
 int RunUnproject(CommandContext& context);
 int RunLocate(CommandContext& context);
 int RunTriangulate(CommandContext& context);
+// `lens KIND`: CommandLens.cpp picks the kind's Run function by name.
+int RunLens(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
@@ -34,6 +36,7 @@ extern const char* const kResectHelp;
 extern const char* const kProjectHelp;
 extern const char* const kUnprojectHelp;
 extern const char* const kLocateHelp;
+extern const char* const kLensHelp;
 
 // What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
 void ShowCameraPlane(IUnknown* object);

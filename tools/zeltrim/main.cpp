@@ -25,12 +25,14 @@ const char* const kUsage =
     "  unproject carry image points back to world points or viewing rays through a saved camera\n"
     "  locate    image points to world points on a plane, through a saved camera\n"
     "  triangulate  the 3D point that two or more calibrated cameras see, line by line\n"
+    "  lens      fit or build a lens correction: radial, fisheye, polynomial\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
   const char* name;
   int (*run)(CommandContext&);
   const char* const* help;
+  bool kinds = false;  // the first argument names a kind, which answers --help itself
 };
 
 const Command kCommands[] = {
@@ -44,6 +46,7 @@ const Command kCommands[] = {
     {"unproject", &RunUnproject, &kUnprojectHelp},
     {"locate", &RunLocate, &kLocateHelp},
     {"triangulate", &RunTriangulate, &kTriangulateHelp},
+    {"lens", &RunLens, &kLensHelp, true},
 };
 
 }  // namespace
@@ -76,7 +79,7 @@ int main(int argc, char** argv) {
 
   CommandContext context;
   for (int i = 2; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+    if ((!command->kinds || i == 2) && (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)) {
       std::fputs(*command->help, stdout);
       return 0;
     }
