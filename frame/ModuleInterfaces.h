@@ -114,6 +114,18 @@ ZELTRIM_INTERFACE(ICalibrationPolynomial, ICalibrationDistortion)
   virtual HRESULT put_Order(int order) = 0;
 ZELTRIM_INTERFACE_END
 
+// Flags of StraightLinesNeedtoBeStraight (and of ITransformBestFit::BestFit on the same model).
+enum RadialFitFlags {
+  RADIAL_FIT_K1 = 1,
+  RADIAL_FIT_K2 = 2,
+  RADIAL_FIT_K3 = 4,
+  RADIAL_FIT_K4 = 8,
+  RADIAL_K0_BALANCED = 16,  // k0 = 1 - (k1 + k2 + k3 + k4) instead of 1
+  RADIAL_FIT_CENTRE = 32,
+  RADIAL_FIT_ASPECT = 64,   // a separate fit of s after the main one
+  RADIAL_MEASURE_ONLY = 256,  // no fit: the residuals of the present coefficients
+};
+
 ZELTRIM_INTERFACE(ICalibrationDistortionRadial, ICalibrationDistortion)
   virtual HRESULT StraightLinesNeedtoBeStraight(ISimpleCollection* lines, int) = 0;
   virtual HRESULT SetNormalizationImageSize(unsigned int width, unsigned int height) = 0;

@@ -13,7 +13,7 @@
 
 #define ZELTRIM_MODULE_OBJECTS(BUILT, NOT_BUILT)          \
   BUILT(CalibrationBestFit, CCalibrationBestFit)          \
-  NOT_BUILT(CalibrationDistortionRadial)                  \
+  BUILT(CalibrationDistortionRadial, CCalibrationDistortionRadial) \
   BUILT(CalibrationFitAndFilter, CCalibrationFitAndFilter) \
   NOT_BUILT(CalibrationFisheye)                           \
   NOT_BUILT(CalibrationInfoPropPage)                      \

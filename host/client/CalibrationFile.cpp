@@ -209,6 +209,97 @@ std::string FolderOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// The two file forms written by the host itself, for objects that keep no files of their
+// own (no IFileArchive) but save and load through IDataPersist: the same bytes the
+// module's archive writes. XML: two prologue lines naming "generic.xsl", the object's
+// element, 16-bit text after the mark FF FE. Folder stream: an "Info" entry holding a
+// host "FileInfo", then the object under its name.
+HRESULT SaveByStreams(IComponentCollection* components, IUnknown* object, const std::string& path) {
+  SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(object);
+  const std::wstring objectName = ObjectNameOf(object);
+  if (!persist || objectName.empty()) return E_NOINTERFACE;
+  if (FormOfPath(path) == FileForm::kFolder) {
+    SmartPtr<IFolderStream> stream = HostObject<IFolderStream>(components, L"FolderStream");
+    SmartPtr<IUnknown> info = HostObject<IUnknown>(components, L"FileInfo");
+    SmartPtr<IString> infoKey = PathString(components, kInfoEntry), objectKey = PathString(components, objectName);
+    SmartPtr<IFileArchive> file = QueryAs<IFileArchive>(stream);
+    std::wstring wide;
+    ModulePathProblem(path, &wide);
+    SmartPtr<IString> name = PathString(components, wide);
+    if (!file || !info || !infoKey || !objectKey || !name) return E_FAIL;
+    stream->WriteObject(infoKey, info, 0);
+    const HRESULT hr = stream->WriteObject(objectKey, object, 0);
+    if (hr < 0) return hr;
+    file->put_Filename(name);
+    return file->Save();
+  }
+  SmartPtr<IXMLStreamEx> xml = HostObject<IXMLStreamEx>(components, L"XMLStreamEx");
+  if (!xml) return E_FAIL;
+  xml->Attach(nullptr, 0, 0);
+  const std::wstring prologue =
+      L"<?xml version=\"1.0\"?>\r\n<?xml-stylesheet href=\"generic.xsl\" type=\"text/xsl\"?>\r\n";
+  xml->Write(prologue.data(), static_cast<unsigned long>(prologue.size() * sizeof(wchar_t)), 0);
+  xml->BeginObject(object, 0, 0);
+  // Some classes report E_FAIL after a complete XML save; the file is judged by CheckFile.
+  persist->Save(xml, 0);
+  xml->CloseTag();
+  void* data = nullptr;
+  unsigned long bytes = 0;
+  if (xml->GetBuffer(&data, &bytes) < 0 || !data) return E_FAIL;
+  std::string out = "\xFF\xFE";
+  const wchar_t* text = static_cast<const wchar_t*>(data);
+  for (unsigned long i = 0; i < bytes / sizeof(wchar_t); ++i) {
+    const uint32_t c = static_cast<uint32_t>(text[i]);
+    const auto unit = [&out](uint32_t u) { out += static_cast<char>(u & 0xFF), out += static_cast<char>(u >> 8); };
+    if (c < 0x10000) {
+      unit(c);
+    } else {
+      unit(0xD800 + ((c - 0x10000) >> 10));
+      unit(0xDC00 + ((c - 0x10000) & 0x3FF));
+    }
+  }
+  std::ofstream file(path, std::ios::binary);
+  if (!file.write(out.data(), static_cast<std::streamsize>(out.size())) || !(file.close(), file)) return E_FAIL;
+  return S_OK;
+}
+
+// Loads a file that CheckFile accepted into an object without IFileArchive.
+HRESULT LoadByStreams(IComponentCollection* components, IUnknown* object, const std::string& path) {
+  SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(object);
+  if (!persist) return E_NOINTERFACE;
+  if (FormOfPath(path) == FileForm::kFolder) {
+    SmartPtr<IFolderStream> stream = HostObject<IFolderStream>(components, L"FolderStream");
+    SmartPtr<IFileArchive> file = QueryAs<IFileArchive>(stream);
+    std::wstring wide;
+    ModulePathProblem(path, &wide);
+    SmartPtr<IString> name = PathString(components, wide), objectKey = PathString(components, ObjectNameOf(object));
+    if (!file || !name || !objectKey) return E_FAIL;
+    file->put_Filename(name);
+    HRESULT hr = file->Load();
+    if (hr < 0) return hr;
+    void* place = object;
+    hr = stream->ReadObject(objectKey, &place, 0);
+    if (place && place != object) static_cast<IUnknown*>(place)->Release();
+    return hr;
+  }
+  Bytes bytes;
+  std::wstring text;
+  if (!ReadWhole(path, &bytes).empty() || !DecodeXMLFile(bytes, &text).empty()) return E_FAIL;
+  SmartPtr<IXMLStream> xml = HostObject<IXMLStream>(components, L"XMLStream");
+  if (!xml || xml->Attach(text.data(), static_cast<unsigned long>(text.size() * sizeof(wchar_t)), 0) < 0) return E_FAIL;
+  tagREFString tag{0, nullptr};
+  while (xml->NextTag(&tag) >= 0 && tag.m_Length > 0 && tag.m_Text && tag.m_Text[0] == L'?')
+    xml->Seek(static_cast<long>(tag.m_Length * sizeof(wchar_t)), STREAM_CURRENT, 0);
+  SmartPtr<IUnknown> content;
+  tagREFString found{0, nullptr};
+  if (!tag.m_Text || xml->ReadElement(tag.m_Length, tag.m_Text, &found, content.Out(), 0) < 0) return E_FAIL;
+  SmartPtr<IDataStream> element = QueryAs<IDataStream>(content);
+  if (!element) return E_FAIL;
+  // Some classes report E_FAIL at the end of a complete XML load; the values are in.
+  persist->Load(element, PERSIST_REPLACE);
+  return S_OK;
+}
+
 }  // namespace
 
 std::string SavePathProblem(const std::string& given) {
@@ -321,9 +412,14 @@ FileReport CheckFile(const std::string& given, const std::wstring& expected) {
 FileReport LoadFile(IComponentCollection* components, IUnknown* object, const std::string& given) {
   const std::string path = Absolute(given);
   SmartPtr<IFileArchive> archive = QueryAs<IFileArchive>(object);
-  if (!archive) return Refused("the object keeps no files");
+  if (!archive && !QueryAs<IDataPersist>(object)) return Refused("the object keeps no files");
   FileReport report = CheckFile(path, ObjectNameOf(object));
   if (!report.ok) return report;
+  if (!archive) {
+    const HRESULT hr = LoadByStreams(components, object, path);
+    if (hr < 0) return Refused("the host could not load it (" + ResultText(hr) + ")");
+    return report;
+  }
   std::wstring wide;
   ModulePathProblem(path, &wide);
   SmartPtr<IString> name = PathString(components, wide);
@@ -342,12 +438,20 @@ FileReport SaveFile(IComponentCollection* components, IUnknown* object, const st
   ModulePathProblem(path, &wide);
   SmartPtr<IFileArchive> archive = QueryAs<IFileArchive>(object);
   SmartPtr<IString> name = PathString(components, wide);
-  if (!archive) return Refused("the object keeps no files");
+  const bool byStreams = !archive && QueryAs<IDataPersist>(object);
+  if (!archive && !byStreams) return Refused("the object keeps no files");
   if (!name) return Refused("the host has no strings");
+  if (byStreams && FormOfPath(path) == FileForm::kNone)
+    return Refused("the object saves no file of that extension (.x... for XML, .t... for a folder stream)");
 
   SetAside old(path);
-  archive->put_Filename(name);
-  const HRESULT hr = archive->Save();
+  HRESULT hr = E_FAIL;
+  if (byStreams) {
+    hr = SaveByStreams(components, object, path);
+  } else {
+    archive->put_Filename(name);
+    hr = archive->Save();
+  }
   struct stat info;
   const bool wrote = stat(path.c_str(), &info) == 0;
   if (hr < 0) {

@@ -35,6 +35,8 @@ FileReport CheckFile(const std::string& path, const std::wstring& expected);
 
 // Checks the file for the object's own class (its IObjectInfo name), then loads it
 // through the object's IFileArchive. The object is not touched when the check fails.
+// An object without IFileArchive that answers IDataPersist is loaded by the host's own
+// streams from the same two forms, which SaveFile writes for it.
 FileReport LoadFile(IComponentCollection* components, IUnknown* object, const std::string& path);
 
 // What keeps a save to `path` from working, found before anything is written: a path the

@@ -26,6 +26,7 @@ const ComponentRow kComponentTable[] = {
     {L"CurveSpline", L"Geometry"},
     {L"GeometryCollection", L"Geometry"},
     {L"LinearTransform", L"Geometry"},
+    {L"LinearCalibration", L"Geometry"},
     {L"HomogeneousTransform", L"Geometry"},
     {L"HomogeneousCalibration", L"Geometry"},
     // Streams and files.
