@@ -368,6 +368,55 @@ printf '1 2 x 4\n' >tri-word.txt
 check tri-not-a-number 2 "line 1: not a number" -- "$zeltrim" triangulate tri3.tCAL tri4.xml --points tri-word.txt
 check tri-missing-points 2 "cannot read" -- "$zeltrim" triangulate tri3.tCAL tri4.xml --points nowhere.txt
 
+# lens radial: lines bent by f(r) = 1 - 0.1 r about the centre of a 1000 x 1000 image.
+# A corrected radius rho = r (1 + k1 r) comes from the distorted r = (sqrt(1 + 4 k1 rho) - 1) / (2 k1).
+bend() {  # bend X Y: the distorted pixel of the corrected pixel (X, Y)
+  awk -v X="$1" -v Y="$2" 'BEGIN { k = -0.1; u = X / 1000 - 0.5; v = 0.5 - Y / 1000; rho = sqrt(u * u + v * v)
+    r = rho > 0 ? (sqrt(1 + 4 * k * rho) - 1) / (2 * k) : 0; f = rho > 0 ? r / rho : 1
+    printf "%.12f %.12f\n", (u * f + 0.5) * 1000, (0.5 - v * f) * 1000 }'
+}
+: >bent.txt
+for across in 80 300 700 920; do
+  for t in 50 200 350 500 650 800 950; do bend "$t" "$across" >>bent.txt; done; echo >>bent.txt
+  for t in 50 200 350 500 650 800 950; do bend "$across" "$t" >>bent.txt; done; echo >>bent.txt
+done
+check lens-help 0 "radial" -- "$zeltrim" lens --help
+check lens-radial-help 0 "--image-size" -- "$zeltrim" lens radial --help
+out=$("$zeltrim" lens radial bent.txt --image-size 1000x1000 --flags 1 --save bent.tRad 2>&1)
+if awk '$1 == "k1" { k = $2 } END { exit !(k + 0.1 < 1e-9 && k + 0.1 > -1e-9) }' <<<"$out"; then
+  echo "ok   lens-radial-recovers-k1"; passed=$((passed + 1))
+else echo "FAIL lens-radial-recovers-k1: $out"; failed=$((failed + 1)); fi
+check lens-radial-save-xml 0 "saved" -- "$zeltrim" lens radial bent.txt --image-size 1000x1000 --flags 1 --save bent.xml
+check lens-radial-show 0 "type: Radial Distortion" -- "$zeltrim" show bent.xml
+# The corrected pixel of a bent one is the straight-line pixel it came from.
+read -r bx by < <(bend 150 880)
+for file in bent.tRad bent.xml; do
+  out=$("$zeltrim" convert "$file" "$bx,$by" 2>&1)
+  if awk '{ exit !(($1 - 150)^2 + ($2 - 880)^2 < 1e-8) }' <<<"$out"; then echo "ok   convert-radial-$file"; passed=$((passed + 1));
+  else echo "FAIL convert-radial-$file: $out"; failed=$((failed + 1)); fi
+done
+# Real detected chessboard corners: rows and columns of the board are straight lines.
+view="$source_dir/data/opencv-left-w7/view01.txt"
+: >board-lines.txt
+for r in 0 1 2 3 4 5; do awk -v r=$r 'int((NR - 1) / 9) == r' "$view" >>board-lines.txt; echo >>board-lines.txt; done
+for c in 0 1 2 3 4 5 6 7 8; do awk -v c=$c '(NR - 1) % 9 == c' "$view" >>board-lines.txt; echo >>board-lines.txt; done
+out=$("$zeltrim" lens radial board-lines.txt --image-size 640x480 2>&1)
+if awk '/^before:/ { b = $8 } /^after:/ { a = $8 } END { exit !(a > 0 && a < b / 4) }' <<<"$out"; then
+  echo "ok   lens-radial-straightens-a-real-board"; passed=$((passed + 1))
+else echo "FAIL lens-radial-straightens-a-real-board: $out"; failed=$((failed + 1)); fi
+printf '1 2\n3 4\n5 6\n\n7 8\n\n' >one-point-set.txt
+check lens-radial-one-point-set 2 "line 5: a set of 1 point" -- "$zeltrim" lens radial one-point-set.txt
+check lens-radial-bad-flags 2 "--flags needs a sum of" -- "$zeltrim" lens radial bent.txt --flags 128
+check lens-radial-bad-size 2 "--image-size needs WxH" -- "$zeltrim" lens radial bent.txt --image-size 640
+check lens-radial-no-file 2 "needs one LINES_FILE" -- "$zeltrim" lens radial
+check lens-radial-save-text 1 "saves no file of that extension" -- "$zeltrim" lens radial bent.txt --save bent.dat
+check lens-unknown-kind 2 "unknown lens kind 'conic'" -- "$zeltrim" lens conic
+check convert-revert 0 "" -- "$zeltrim" convert bent.tRad --revert 150,880
+check convert-camera-refused 2 "does not convert points" -- "$zeltrim" convert tri3.tCAL 1,2
+check convert-no-file 2 "needs a calibration FILE" -- "$zeltrim" convert
+check convert-bad-point 2 "expected x y or x y z" -- "$zeltrim" convert bent.tRad 1,2,3,4
+check convert-missing-file 2 "cannot load" -- "$zeltrim" convert nowhere.xml 1,2
+
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.
 bin_dir=$(dirname "$zeltrim")

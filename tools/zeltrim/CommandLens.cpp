@@ -16,6 +16,7 @@ struct LensCommand {
 };
 
 const std::vector<LensCommand> kLensCommands = {
+    {"radial", &RunLensRadial, &kLensRadialHelp},
 };
 
 }  // namespace
@@ -23,7 +24,11 @@ const std::vector<LensCommand> kLensCommands = {
 const char* const kLensHelp =
     "usage: zeltrim lens KIND [arguments]\n"
     "Fits or builds a lens correction and saves it by extension (.xml XML, .t... folder\n"
-    "stream). Run 'zeltrim lens KIND --help' for a kind's options.\n";
+    "stream). Run 'zeltrim lens KIND --help' for a kind's options.\n"
+    "Kinds:\n"
+    "  radial      a radial distortion polynomial fitted from points on straight lines\n"
+    "  fisheye     a hand-set fisheye-to-perspective mapping and its lookup map\n"
+    "  polynomial  a grid of curves fitted from a measured source and target grid\n";
 
 int RunLens(CommandContext& context) {
   if (context.args.empty() || context.args.front() == "--help" || context.args.front() == "-h") {

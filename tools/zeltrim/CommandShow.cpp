@@ -87,22 +87,27 @@ void ShowMatrix(const char* title, ITransform* transform) {
 
 }  // namespace
 
+std::string LoadCalibrationFile(ModuleHost& host, const std::string& path, SmartPtr<IUnknown>* object,
+                                std::wstring* objectName) {
+  const client::FileReport found = client::CheckFile(path, std::wstring());
+  if (!found.ok) return found.problem;
+  *objectName = found.objectName;
+  if (found.objectName == kTransformClass && client::FormOfPath(path) == client::FileForm::kXML)
+    return "a Camera3DTransform's XML file holds its write-only text form";
+  void* p = nullptr;
+  if (!host.CreateRaw(found.objectName.c_str(), IID_IUnknown, &p)) return Narrow(found.objectName) + ": " + host.Error();
+  object->Attach(static_cast<IUnknown*>(p));
+  if (host.Archive(*object, path, false) < 0) return host.Error();
+  return std::string();
+}
+
 int RunShow(CommandContext& context) {
   if (context.args.size() != 1) return Fail("show needs one FILE");
   const std::string path = AbsolutePath(context.args[0], context.startDir);
-  ModuleHost& host = *context.host;
-
-  const client::FileReport found = client::CheckFile(path, std::wstring());
-  if (!found.ok) return Fail("cannot show " + path + ": " + found.problem);
-  const std::wstring& object = found.objectName;
-  if (object == kTransformClass && client::FormOfPath(path) == client::FileForm::kXML)
-    return Fail("cannot show " + path + ": a Camera3DTransform's XML file holds its write-only text form");
-  void* p = nullptr;
-  if (!host.CreateRaw(object.c_str(), IID_IUnknown, &p)) return Fail(Narrow(object) + ": " + host.Error(), 1);
   SmartPtr<IUnknown> instance;
-  instance.Attach(static_cast<IUnknown*>(p));
-  if (host.Archive(instance, path, false) < 0) return Fail("cannot load " + path + ": " + host.Error(), 1);
-
+  std::wstring object;
+  const std::string problem = LoadCalibrationFile(*context.host, path, &instance, &object);
+  if (!problem.empty()) return Fail("cannot show " + path + ": " + problem);
   std::printf("file: %s\nobject: %s\n", path.c_str(), Narrow(object).c_str());
   if (SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(instance)) ShowInfo(info);
   if (SmartPtr<IParametricObject> parametric = QueryAs<IParametricObject>(instance)) ShowParameters(parametric);
@@ -118,9 +123,13 @@ int RunShow(CommandContext& context) {
   }
   ShowCameraPlane(instance);
   if (SmartPtr<ITransformFitErrors> errors = QueryAs<ITransformFitErrors>(instance)) {
-    double mean = 0, largest = 0, sd = 0;
-    errors->GetFitErrors(&mean, &largest, &sd);
-    std::printf("fit errors: mean %.6g  largest %.6g  standard deviation %.6g\n", mean, largest, sd);
+    double a = 0, b = 0, sd = 0;
+    // Not every class is fitted: a failing GetFitErrors has nothing to say.
+    if (errors->GetFitErrors(&a, &b, &sd) < 0) return 0;
+    if (QueryAs<ICalibrationDistortionRadial>(instance))
+      std::printf("residuals from the lines: from %.6g to %.6g px, standard deviation %.6g px\n", a, b, sd);
+    else
+      std::printf("fit errors: mean %.6g  largest %.6g  standard deviation %.6g\n", a, b, sd);
   }
   return 0;
 }

@@ -25,7 +25,9 @@ int RunUnproject(CommandContext& context);
 int RunLocate(CommandContext& context);
 int RunTriangulate(CommandContext& context);
 // `lens KIND`: CommandLens.cpp picks the kind's Run function by name.
+int RunConvert(CommandContext& context);
 int RunLens(CommandContext& context);
+int RunLensRadial(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
@@ -36,7 +38,9 @@ extern const char* const kResectHelp;
 extern const char* const kProjectHelp;
 extern const char* const kUnprojectHelp;
 extern const char* const kLocateHelp;
+extern const char* const kConvertHelp;
 extern const char* const kLensHelp;
+extern const char* const kLensRadialHelp;
 
 // What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
 void ShowCameraPlane(IUnknown* object);
@@ -49,6 +53,11 @@ SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<P
 // and devices are named as what they are, and a file without points is refused here
 // rather than compared by length with another.
 bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::string* error, int numbers = 0);
+
+// Loads any calibration file of the module into a new object of the class it names;
+// an empty text when it worked, else what is wrong (one line, without the path).
+std::string LoadCalibrationFile(ModuleHost& host, const std::string& path, SmartPtr<IUnknown>* object,
+                                std::wstring* objectName);
 
 // Prints "zeltrim: <message>" on standard error and returns `status`.
 int Fail(const std::string& message, int status = 2);

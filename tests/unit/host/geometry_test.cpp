@@ -146,6 +146,37 @@ TEST(LinearTransform, RefusesUnknownKindsKeepsNonFiniteAnglesAndResets) {
   EXPECT_TRUE(Near(Apply(chain.get(), {1, 0, 0}), {1, 0, 0}, kExact));
 }
 
+// "LinearCalibration" keeps one chain: Convert runs it as LinearTransform does, Revert
+// undoes it step by step from the end, which is the reverse chain built by hand.
+TEST(LinearCalibration, ConvertsAsTheChainAndRevertsAsTheReverseChain) {
+  SmartPtr<ILinearCalibration> calibration = CreateHostObject<ILinearCalibration>(L"LinearCalibration");
+  SmartPtr<ILinearTransform> forward = CreateHostObject<ILinearTransform>(L"LinearTransform");
+  SmartPtr<ILinearTransform> reverse = CreateHostObject<ILinearTransform>(L"LinearTransform");
+  ASSERT_TRUE(calibration && forward && reverse);
+  const LinearCamera general{3.5, -7.25, 12.5, 0.5, 4, 1.25, 100, -50, 3, 33, -17, 71};
+  for (const std::vector<double>& s : general.Forward())
+    calibration->AddStep(static_cast<int>(s[0]), 0, s[1], s.size() > 2 ? s[2] : 0, s.size() > 3 ? s[3] : 0);
+  Build(forward, general.Forward());
+  Build(reverse, general.Reverse());
+  for (const P3& p : {P3{0, 0, 0}, P3{640, 480, 0}, P3{-12.5, 3.75, 8}}) {
+    P3 q = p;
+    ASSERT_EQ(calibration->Convert(&q.x, &q.y, &q.z), S_OK);
+    EXPECT_TRUE(Near(q, Apply(forward.get(), p), kExact));
+    ASSERT_EQ(calibration->Revert(&q.x, &q.y, &q.z), S_OK);
+    EXPECT_TRUE(Near(q, Apply(reverse.get(), Apply(forward.get(), p)), kRoundTripTolerance));
+  }
+  // A zero scale has no inverse: the point stays and the result says so.
+  calibration->Reset();
+  calibration->AddStep(STEP_TRANSLATE, 0, 1, 2, 3);
+  calibration->AddStep(STEP_SCALE, 1, 2, 0, 1);
+  P3 p{5, 6, 7};
+  EXPECT_EQ(calibration->Revert(&p.x, &p.y, &p.z), E_FAIL);
+  EXPECT_TRUE(Near(p, {5, 6, 7}, kExact));
+  int count = -1;
+  calibration->get_StepCount(&count);
+  EXPECT_EQ(count, 2);
+}
+
 // ---------------------------------------------------------------- PointsCollection
 
 TEST(PointsCollection, AddSharesTheCallersPointAndRefusesOtherObjects) {
