@@ -147,6 +147,18 @@ TEST(RadialDistortion, MeasuringOnlyUsesThePresentCoefficientsAndKeepsThem) {
   EXPECT_EQ(Parameter(c, L"k1"), truth.k1);
 }
 
+// One set, (0, 0), (10, 1), (20, 0), measured with the identity model: the fitted line is
+// y = 1/3, residuals -1/3, 2/3, -1/3. SD = sqrt((6/9 - (4/3)^2 / 3) / 2) = sqrt(1/27): the
+// mean is taken of the absolute values.
+TEST(RadialDistortion, StatisticsOfAKnownBendUseTheMeanOfAbsoluteValues) {
+  SmartPtr<ICalibrationDistortionRadial> c = NewRadial();
+  ASSERT_EQ(c->StraightLinesNeedtoBeStraight(LineSets({{{0, 0}, {10, 1}, {20, 0}}}), RADIAL_MEASURE_ONLY), S_OK);
+  const Errors e = ErrorsOf(c);
+  EXPECT_NEAR(e.lower, -1.0 / 3, kHandWorked);
+  EXPECT_NEAR(e.upper, 2.0 / 3, kHandWorked);
+  EXPECT_NEAR(e.sd, std::sqrt(1.0 / 27), kHandWorked);
+}
+
 TEST(RadialDistortion, AFitWithoutLinesResetsTheModelAndLeavesZeroErrors) {
   SmartPtr<ICalibrationDistortionRadial> c = NewRadial();
   Set(c, {{L"k0", 2}, {L"k1", 0.3}, {L"k4", 0.1}, {L"x0", 0.6}, {L"s", 1.1}, {L"ImageWidth", 640}});
@@ -211,6 +223,10 @@ TEST(RadialDistortion, ConvertAndFirstOrderRevertAgainstHandWorkedPoints) {
   const P back = Reverted(c, {704, 500, 0});
   EXPECT_NEAR(back.x, 500 + 204 / 1.0204, kHandWorked);
   EXPECT_GT(std::fabs(back.x - 700), 0.05);
+  // All four terms: f(0.2) = 1 + 0.1 * 0.2 + 0.5 * 0.008 + 0.25 * 0.0016 = 1.0244.
+  Set(c, {{L"k3", 0.5}, {L"k4", 0.25}});
+  ExpectNear(Converted(c, {700, 500, 0}), {704.88, 500, 0}, kHandWorked);
+  Set(c, {{L"k3", 0}, {L"k4", 0}});
   // s divides u going in (Convert) and multiplies it in Revert; y is turned over.
   Set(c, {{L"k1", 0}, {L"s", 2}});
   ExpectNear(Converted(c, {700, 300, 0}), {600, 300, 0}, kHandWorked);
@@ -285,6 +301,28 @@ TEST(RadialDistortion, MaintainSizeBringsTheCorrectedImageBackToItsSize) {
   EXPECT_NEAR(minY, 0, 1e-9);
   EXPECT_NEAR(maxY, 900, 1e-9);
   EXPECT_EQ(c->MaintainSize(nullptr), S_OK);
+}
+
+// The stored element names are the file format: the centre is "cx", "cy" (its parameters
+// are "x0", "y0"), and every value comes before the info block.
+TEST(RadialDistortion, XmlFormHoldsItsElementsInOrder) {
+  SmartPtr<ICalibrationDistortionRadial> c = NewRadial();
+  SmartPtr<IXMLStreamEx> xml = LoadedModule::Get().CreateHost<IXMLStreamEx>(L"XMLStreamEx");
+  xml->Attach(nullptr, 0, 0);
+  EXPECT_EQ(QueryAs<IDataPersist>(c)->Save(xml, 0), E_FAIL) << "the XML form reports E_FAIL when complete";
+  void* data = nullptr;
+  unsigned long size = 0;
+  xml->GetBuffer(&data, &size);
+  const std::wstring text(static_cast<wchar_t*>(data), size / sizeof(wchar_t));
+  size_t at = 0;
+  for (const wchar_t* name : {L"<k0>", L"<k1>", L"<k2>", L"<k3>", L"<k4>", L"<cx>", L"<cy>", L"<s>", L"<ImageWidth>",
+                              L"<ImageHeight>", L"<UpperError>", L"<LowerError>", L"<SDError>", L"<InverseMethod>",
+                              L"<Info>"}) {
+    const size_t found = text.find(name, at);
+    EXPECT_NE(found, std::wstring::npos) << std::string(name, name + std::wcslen(name)) << " in order";
+    if (found != std::wstring::npos) at = found;
+  }
+  EXPECT_NE(text.find(L"<ImageWidth>1000</ImageWidth>"), std::wstring::npos) << "integers as decimal text";
 }
 
 // ------------------------------------------------------------------ model functions
