@@ -173,22 +173,25 @@ HRESULT CCalibrationDistortionRadial::SetNormalizationImageSize(unsigned int wid
 
 void CCalibrationDistortionRadial::LevenbergMarquardt_Evaluate(short mask, const double* par, int m_dat, double* fvec) {
   if (par) {
+    // The vector holds what the run asked for; a bit beyond it (bit 64 during the main
+    // run, when FitFlags has it) leaves its field as it is instead of reading past the end.
     int i = 0;
+    const auto next = [&](double keep) { return (m_ParCount < 0 || i < m_ParCount) ? par[i++] : keep; };
     if (mask & (RADIAL_FIT_K1 | RADIAL_FIT_K2 | RADIAL_FIT_K3 | RADIAL_FIT_K4)) {
-      k1 = (mask & RADIAL_FIT_K1) ? par[i++] : 0;
-      k2 = (mask & RADIAL_FIT_K2) ? par[i++] : 0;
-      k3 = (mask & RADIAL_FIT_K3) ? par[i++] : 0;
-      k4 = (mask & RADIAL_FIT_K4) ? par[i++] : 0;
+      k1 = (mask & RADIAL_FIT_K1) ? next(k1) : 0;
+      k2 = (mask & RADIAL_FIT_K2) ? next(k2) : 0;
+      k3 = (mask & RADIAL_FIT_K3) ? next(k3) : 0;
+      k4 = (mask & RADIAL_FIT_K4) ? next(k4) : 0;
     }
     // Without bit 16 every run puts k0 back to 1.
     k0 = (mask & RADIAL_K0_BALANCED) ? 1 - (k1 + k2 + k3 + k4) : 1.0;
     if (mask & RADIAL_FIT_CENTRE) {
-      x0 = par[i++];
-      y0 = par[i++];
+      x0 = next(x0);
+      y0 = next(y0);
       if (x0 < 0 || x0 > 1) x0 = 0.5;
       if (y0 < 0 || y0 > 1) y0 = 0.5;
     }
-    if (mask & RADIAL_FIT_ASPECT) s = par[i++];
+    if (mask & RADIAL_FIT_ASPECT) s = next(s);
   }
   if (!Lines || !fvec) return;
   const double N = Side();
@@ -275,6 +278,7 @@ HRESULT CCalibrationDistortionRadial::StraightLinesNeedtoBeStraight(ISimpleColle
 
   CMatrixLevenbergMarquardt minimiser;
   lm_status_struct status{0, 0, 0};
+  m_ParCount = n;
   minimiser.lmmin(n, par, m, this, &CalibrationDistortionRadial_LevenbergMarquardt_Evaluatek1k2, &status);
 
   // Read back by the same bits; the centre as it stands, without the evaluation's clamp.
@@ -291,10 +295,12 @@ HRESULT CCalibrationDistortionRadial::StraightLinesNeedtoBeStraight(ISimpleColle
     // s at the last value tried. The test is on |s| - 1, not on the distance from 1.
     par[0] = 1;
     status = lm_status_struct{0, 0, 0};
+    m_ParCount = 1;
     minimiser.lmmin(1, par, m, this, &CalibrationDistortionRadial_LevenbergMarquardt_EvaluateAspect, &status);
     if (status.info < 4 && std::fabs(par[0]) - 1 < 0.25) s = par[0];
   }
 
+  m_ParCount = -1;
   if (m > 0) Statistics(m);
   return S_OK;
 }

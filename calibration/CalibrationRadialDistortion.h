@@ -91,4 +91,7 @@ class CCalibrationDistortionRadial
   unsigned int ImageWidth = 1000, ImageHeight = 1000;
   int FitFlags = 0;  // read as 16 bits where it becomes a mask
   double UpperError = 0, LowerError = 0, SDError = 0;
+  // During a fit, the length of the minimiser's parameter vector; -1 (no bound) when a
+  // host calls the model functions itself with a vector of its own.
+  int m_ParCount = -1;
 };
