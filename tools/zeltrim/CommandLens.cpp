@@ -16,6 +16,7 @@ struct LensCommand {
 };
 
 const std::vector<LensCommand> kLensCommands = {
+    {"fisheye", RunLensFisheye, &kLensFisheyeHelp},
 };
 
 }  // namespace

@@ -26,6 +26,8 @@ int RunLocate(CommandContext& context);
 int RunTriangulate(CommandContext& context);
 // `lens KIND`: CommandLens.cpp picks the kind's Run function by name.
 int RunLens(CommandContext& context);
+// The lens kinds (CommandLens*.cpp).
+int RunLensFisheye(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
@@ -37,6 +39,7 @@ extern const char* const kProjectHelp;
 extern const char* const kUnprojectHelp;
 extern const char* const kLocateHelp;
 extern const char* const kLensHelp;
+extern const char* const kLensFisheyeHelp;
 
 // What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
 void ShowCameraPlane(IUnknown* object);
