@@ -382,6 +382,8 @@ if [ "$(head -1 fish.csv)" = "u,v,x,y" ] && [ "$(wc -l <fish.csv)" -eq 700001 ] 
   awk -F, '$1 == 500 && $2 == 699 { want = 800 + 300 * atan2(0.7, 1) / (atan2(1, 0)); ok = ($3 - 1000)^2 + ($4 - want)^2 < 1e-10 }
     END { exit !ok }' fish.csv; then echo "ok   fisheye-map-values"; passed=$((passed + 1))
 else echo "FAIL fisheye-map-values"; sed -n '1,2p' fish.csv; failed=$((failed + 1)); fi
+# Names not given keep their values: the radii do not take the centre's coordinates.
+check fisheye-others-keep-defaults 0 "FisheyeRadiusY           350" -- "$zeltrim" lens fisheye --param FisheyeFOV=170 --map fish.csv
 check fisheye-fov-fraction-dropped 0 "PerspectiveFOV           90" -- "$zeltrim" lens fisheye --param PerspectiveFOV=90.7 --map fish.csv
 check fisheye-width-made-even 0 "map: 40 x 30 perspective pixels" -- "$zeltrim" lens fisheye --param PerspectiveImageWidth=41 --param PerspectiveImageHeight=30 --map fish.pgm
 # 16-bit PGM: header, then 2 bytes a pixel; the pixel of the axis ray, (20, 14), is black.
