@@ -89,6 +89,7 @@ HRESULT CCalibrationFisheye::QueryInterface(const IID& iid, void** object) {
 HRESULT CCalibrationFisheye::Convert(double*, double*, double*) { return S_OK; }
 
 HRESULT CCalibrationFisheye::Revert(double* x, double* y, double*) {
+  if (!x || !y) return S_OK;  // nothing to map; the result is S_OK whatever the point
   const double W = PerspectiveImageWidth;
   const double H = PerspectiveImageHeight;
   const double a = *x / W;

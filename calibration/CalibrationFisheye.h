@@ -38,7 +38,8 @@ class CCalibrationFisheye : public CObject<CCalibrationFisheye>,
 
   // Does nothing; S_OK.
   HRESULT Convert(double* x, double* y, double* z) override;
-  // Perspective pixel (x, y) to fisheye pixel, in place; z is not touched. Always S_OK.
+  // Perspective pixel (x, y) to fisheye pixel, in place; z is not touched (and may be
+  // null; a null x or y leaves the point alone). Always S_OK.
   // Reads only the fields, allocates nothing: safe from many threads while nothing
   // changes the parameters.
   HRESULT Revert(double* x, double* y, double* z) override;

@@ -193,13 +193,19 @@ TEST(CalibrationFisheye, ParametersAreListedInTheirOrderAndTypes) {
   for (int i = 0; i < 15; ++i) EXPECT_EQ(Parameter(NewFisheye(), expected[i].first), defaults[i]) << i;
 }
 
-TEST(CalibrationFisheye, ConvertLeavesThePointAndRevertLeavesZ) {
+TEST(CalibrationFisheye, ConvertLeavesThePointAndRevertLeavesZAndNullPlaces) {
   SmartPtr<ICalibrationFisheye> f = NewFisheye();
   ExpectNear(Converted(f, {12.5, -3, 7}), {12.5, -3, 7}, 0);
   Settings s = Square90();
   SmartPtr<ICalibrationFisheye> g = Configured(s);
   EXPECT_EQ(Converted(g, {12.5, -3, 7}).z, 7);
   EXPECT_EQ(Reverted(g, {12.5, -3, 7}).z, 7);
+  double x = 500, y = 349;
+  EXPECT_EQ(g->Revert(&x, &y, nullptr), S_OK);
+  EXPECT_EQ(std::make_pair(x, y), std::make_pair(1000.0, 800.0));
+  EXPECT_EQ(g->Revert(nullptr, &y, nullptr), S_OK);
+  EXPECT_EQ(g->Revert(&x, nullptr, nullptr), S_OK);
+  EXPECT_EQ(x, 1000.0);
 }
 
 // Before any Reset the derived fields are zero: every ray is (0, 0, 0), theta is 0 and the
