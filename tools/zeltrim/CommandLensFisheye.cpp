@@ -321,7 +321,7 @@ int RunLensFisheye(CommandContext& context) {
       std::printf("fisheye x from %.6f to %.6f, y from %.6f to %.6f\n", bounds.minX, bounds.maxX, bounds.minY,
                   bounds.maxY);
     if (bounds.notNumbers > 0)
-      std::printf("%lld pixels map to no number (is FisheyeFOV 0?)\n", bounds.notNumbers);
+      std::printf("%lld pixels map to no finite point (a FisheyeFOV of 0, or a polynomial that overflows)\n", bounds.notNumbers);
     std::printf("wrote %s\n", s.map.c_str());
   }
   if (!s.save.empty()) {
