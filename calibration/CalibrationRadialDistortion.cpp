@@ -21,28 +21,6 @@ CCalibrationDistortionRadial* Self(const void* data) {
   return static_cast<CCalibrationDistortionRadial*>(const_cast<void*>(data));
 }
 
-// A double by name through the variant of the item: no text is parsed. The default when
-// any step fails.
-double PARAMDbl(INamedCollection* params, const wchar_t* name, double value) {
-  SmartPtr<IParameters> list = QueryAs<IParameters>(params);
-  SmartPtr<IVariant> variant;
-  int index = -1;
-  if (!list || list->get_Index(NewString(name), &index) < 0 || list->get_ItemVariant(index, variant.Out()) < 0 ||
-      !variant)
-    return value;
-  return variant->get_Double();
-}
-
-int PARAMInt(INamedCollection* params, const wchar_t* name, int value) {
-  SmartPtr<IParameters> list = QueryAs<IParameters>(params);
-  SmartPtr<IVariant> variant;
-  int index = -1;
-  if (!list || list->get_Index(NewString(name), &index) < 0 || list->get_ItemVariant(index, variant.Out()) < 0 ||
-      !variant)
-    return value;
-  return variant->get_Integer();
-}
-
 // The number of points of a line set (0 for an item that is no collection).
 int SetCount(ISimpleCollection* lines, int i, SmartPtr<ISimpleCollection>* set) {
   SmartPtr<IUnknown> item;
@@ -398,12 +376,13 @@ HRESULT CCalibrationDistortionRadial::GetParameters(INamedCollection** parameter
 }
 
 HRESULT CCalibrationDistortionRadial::SetParameters(INamedCollection* parameters) {
+  SmartPtr<IParameters> params = QueryAs<IParameters>(parameters);
   double* const values[] = {&k0, &k1, &k2, &k3, &k4, &x0, &y0, &s};
   const wchar_t* const names[] = {L"k0", L"k1", L"k2", L"k3", L"k4", L"x0", L"y0", L"s"};
-  for (int i = 0; i < 8; ++i) *values[i] = PARAMDbl(parameters, names[i], *values[i]);
-  ImageWidth = static_cast<unsigned int>(PARAMInt(parameters, L"ImageWidth", static_cast<int>(ImageWidth)));
-  ImageHeight = static_cast<unsigned int>(PARAMInt(parameters, L"ImageHeight", static_cast<int>(ImageHeight)));
-  InverseMethod = PARAMInt(parameters, L"InverseMethod", InverseMethod);
+  for (int i = 0; i < 8; ++i) *values[i] = PARAMDbl(params, names[i], *values[i]);
+  ImageWidth = static_cast<unsigned int>(PARAMInt(params, L"ImageWidth", static_cast<int>(ImageWidth)));
+  ImageHeight = static_cast<unsigned int>(PARAMInt(params, L"ImageHeight", static_cast<int>(ImageHeight)));
+  InverseMethod = PARAMInt(params, L"InverseMethod", InverseMethod);
   return S_OK;
 }
 

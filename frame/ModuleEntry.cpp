@@ -1,6 +1,7 @@
 // The module's two exported entry points, over the table of creatable objects
 // (frame/ModuleObjects.h).
 #include "calibration/CalibrationBestFit.h"
+#include "calibration/CalibrationFisheye.h"
 #include "calibration/CalibrationFitAndFilter.h"
 #include "calibration/CalibrationRadialDistortion.h"
 #include "calibration/CameraLinearCalibration.h"

@@ -15,7 +15,7 @@
   BUILT(CalibrationBestFit, CCalibrationBestFit)          \
   BUILT(CalibrationDistortionRadial, CCalibrationDistortionRadial) \
   BUILT(CalibrationFitAndFilter, CCalibrationFitAndFilter) \
-  NOT_BUILT(CalibrationFisheye)                           \
+  BUILT(CalibrationFisheye, CCalibrationFisheye)          \
   NOT_BUILT(CalibrationInfoPropPage)                      \
   NOT_BUILT(CalibrationMatrixPropPage)                    \
   NOT_BUILT(CalibrationPolynomial)                        \

@@ -47,6 +47,28 @@ HRESULT AddIntegerParameter(IParameters* list, const wchar_t* name, int value, i
   return AddValue(list, name, variant, flags);
 }
 
+namespace {
+
+SmartPtr<IVariant> NamedVariant(IParameters* params, const wchar_t* name) {
+  SmartPtr<IVariant> variant;
+  int index = -1;
+  if (!params || params->get_Index(NewString(name), &index) < 0) return variant;
+  if (params->get_ItemVariant(index, variant.Out()) < 0) variant.Clear();
+  return variant;
+}
+
+}  // namespace
+
+double PARAMDbl(IParameters* params, const wchar_t* name, double present) {
+  SmartPtr<IVariant> variant = NamedVariant(params, name);
+  return variant ? variant->get_Double() : present;
+}
+
+int PARAMInt(IParameters* params, const wchar_t* name, int present) {
+  SmartPtr<IVariant> variant = NamedVariant(params, name);
+  return variant ? variant->get_Integer() : present;
+}
+
 HRESULT AddPage(ISuperCollection* pages, const wchar_t* title, const wchar_t* page, IUnknown* third, int flags) {
   if (!pages) return E_FAIL;
   SmartPtr<IString> titleText;

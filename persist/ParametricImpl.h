@@ -65,6 +65,11 @@ class IParametricImpl : public IParametricObject {
   }
 };
 
+// A named value read through the item's variant alone (get_Index, get_ItemVariant, then
+// get_Double or get_Integer); no text is parsed. `present` when any step fails.
+double PARAMDbl(IParameters* params, const wchar_t* name, double present);
+int PARAMInt(IParameters* params, const wchar_t* name, int present);
+
 // Appends (name, double) and (name, integer) items to a parameter collection.
 HRESULT AddDoubleParameter(IParameters* list, const wchar_t* name, double value, int flags = 0);
 HRESULT AddIntegerParameter(IParameters* list, const wchar_t* name, int value, int flags = 0);

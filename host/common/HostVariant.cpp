@@ -62,9 +62,12 @@ double CHostVariant::get_Double() {
       return m_Integer;
     case KIND_DOUBLE:
       return m_Double;
-    case KIND_STRING: {
+    case KIND_STRING:
+    case KIND_OBJECT: {
+      // An object that is a string (a parameter collection wraps text items this way)
+      // reads as its text; any other object as 0.
       SmartPtr<IString> text = QueryAs<IString>(m_Object);
-      return TextToDouble(HostText(text.get()));
+      return text ? TextToDouble(HostText(text.get())) : 0.0;
     }
     default:
       return 0.0;
@@ -78,6 +81,7 @@ int CHostVariant::get_Integer() {
     case KIND_DOUBLE:
       return Clamp(m_Double);
     case KIND_STRING:
+    case KIND_OBJECT:
       return Clamp(get_Double());
     default:
       return 0;

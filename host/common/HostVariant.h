@@ -14,7 +14,8 @@ class CHostVariant : public CObject<CHostVariant>, public IVariant, public IObje
   // VARIANT_INTEGER or VARIANT_DOUBLE for numbers; VARIANT_OBJECT for everything else
   // (empty, string, object).
   short get_Type() override;
-  // A string is read as a number (leading blanks allowed); an object or empty gives 0.
+  // A string, or an object that answers IString, is read as a number (leading blanks
+  // allowed); any other object, or empty, gives 0.
   double get_Double() override;
   // A double is truncated toward zero and clamped to the int range.
   int get_Integer() override;

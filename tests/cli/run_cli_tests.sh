@@ -416,6 +416,42 @@ check convert-camera-refused 2 "does not convert points" -- "$zeltrim" convert t
 check convert-no-file 2 "needs a calibration FILE" -- "$zeltrim" convert
 check convert-bad-point 2 "expected x y or x y z" -- "$zeltrim" convert bent.tRad 1,2,3,4
 check convert-missing-file 2 "cannot load" -- "$zeltrim" convert nowhere.xml 1,2
+# lens fisheye: a 90 degree view (t = tan 45 = 1) of 1000 x 700 on a 180 degree lens
+# centred at (1000, 800) with radii 400 and 300. Pixel (500, 349) has a = b = 1/2: the ray
+# on the axis lands on the centre. Pixel (0, 349) is the ray (-1, 1, 0), 45 degrees off:
+# r = 45 / 90, x = 1000 - 400 / 2. Pixel (500, 699), the last row, is (0, 1, 0.7): below
+# the centre of the fisheye picture by 300 atan(0.7) / (pi / 2).
+fish=(--param PerspectiveFOV=90 --param FisheyeCenterX=1000 --param FisheyeCenterY=800
+      --param FisheyeRadiusX=400 --param FisheyeRadiusY=300)
+check fisheye-help 0 "--map FILE" -- "$zeltrim" lens fisheye --help
+check fisheye-map-csv 0 "fisheye x from 800.000000 to" -- "$zeltrim" lens fisheye "${fish[@]}" --map fish.csv
+if [ "$(head -1 fish.csv)" = "u,v,x,y" ] && [ "$(wc -l <fish.csv)" -eq 700001 ] &&
+  grep -qx '500,349,1000.000000,800.000000' fish.csv && grep -qx '0,349,800.000000,800.000000' fish.csv &&
+  awk -F, '$1 == 500 && $2 == 699 { want = 800 + 300 * atan2(0.7, 1) / (atan2(1, 0)); ok = ($3 - 1000)^2 + ($4 - want)^2 < 1e-10 }
+    END { exit !ok }' fish.csv; then echo "ok   fisheye-map-values"; passed=$((passed + 1))
+else echo "FAIL fisheye-map-values"; sed -n '1,2p' fish.csv; failed=$((failed + 1)); fi
+# Names not given keep their values: the radii do not take the centre's coordinates.
+check fisheye-others-keep-defaults 0 "FisheyeRadiusY           350" -- "$zeltrim" lens fisheye --param FisheyeFOV=170 --map fish.csv
+check fisheye-fov-fraction-dropped 0 "PerspectiveFOV           90" -- "$zeltrim" lens fisheye --param PerspectiveFOV=90.7 --map fish.csv
+check fisheye-width-made-even 0 "map: 40 x 30 perspective pixels" -- "$zeltrim" lens fisheye --param PerspectiveImageWidth=41 --param PerspectiveImageHeight=30 --map fish.pgm
+# 16-bit PGM: header, then 2 bytes a pixel; the pixel of the axis ray, (20, 14), is black.
+header=$'P5\n40 30\n65535\n'
+if head -c ${#header} fish.pgm | cmp -s - <(printf '%s' "$header") && [ "$(wc -c <fish.pgm)" -eq $((${#header} + 40 * 30 * 2)) ] &&
+  [ "$(od -An -tu1 -j $((${#header} + (14 * 40 + 20) * 2)) -N2 fish.pgm | tr -s ' ')" = " 0 0" ]; then
+  echo "ok   fisheye-pgm"; passed=$((passed + 1))
+else echo "FAIL fisheye-pgm"; failed=$((failed + 1)); fi
+check fisheye-save-xml 0 "saved" -- "$zeltrim" lens fisheye "${fish[@]}" --save fish.xml
+if [ "$(head -c 2 fish.xml | od -An -tx1 | tr -d ' ')" = "fffe" ]; then echo "ok   fisheye-xml-mark"; passed=$((passed + 1));
+else echo "FAIL fisheye-xml-mark"; failed=$((failed + 1)); fi
+check fisheye-save-folder 0 "saved" -- "$zeltrim" lens fisheye "${fish[@]}" --map fish.csv --save fish.tFish
+check fisheye-unknown-parameter 2 "unknown parameter 'FisheyeRadius'" -- "$zeltrim" lens fisheye --param FisheyeRadius=3 --map fish.csv
+check fisheye-bad-value 2 "k2 needs a number, got '0.1x'" -- "$zeltrim" lens fisheye --param k2=0.1x --map fish.csv
+check fisheye-fractional-size 2 "FisheyeImageWidth needs a whole number" -- "$zeltrim" lens fisheye --param FisheyeImageWidth=10.5 --map fish.csv
+check fisheye-param-without-value 2 "--param needs NAME=VALUE" -- "$zeltrim" lens fisheye --param k1 --map fish.csv
+check fisheye-map-form 2 "--map needs a .csv or .pgm" -- "$zeltrim" lens fisheye --map fish.txt
+check fisheye-no-output 2 "needs --map FILE" -- "$zeltrim" lens fisheye --param k1=2
+check fisheye-too-large 2 "at most 50000000" -- "$zeltrim" lens fisheye --param PerspectiveImageWidth=100000 --param PerspectiveImageHeight=100000 --map fish.csv
+check fisheye-save-form 2 "--save needs a .xml or .t..." -- "$zeltrim" lens fisheye --save fish.dat
 
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.

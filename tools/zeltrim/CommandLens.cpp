@@ -17,6 +17,7 @@ struct LensCommand {
 
 const std::vector<LensCommand> kLensCommands = {
     {"radial", &RunLensRadial, &kLensRadialHelp},
+    {"fisheye", &RunLensFisheye, &kLensFisheyeHelp},
 };
 
 }  // namespace

@@ -24,10 +24,11 @@ int RunProject(CommandContext& context);
 int RunUnproject(CommandContext& context);
 int RunLocate(CommandContext& context);
 int RunTriangulate(CommandContext& context);
-// `lens KIND`: CommandLens.cpp picks the kind's Run function by name.
 int RunConvert(CommandContext& context);
+// `lens KIND`: CommandLens.cpp picks the kind's Run function (CommandLens*.cpp) by name.
 int RunLens(CommandContext& context);
 int RunLensRadial(CommandContext& context);
+int RunLensFisheye(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
@@ -41,6 +42,7 @@ extern const char* const kLocateHelp;
 extern const char* const kConvertHelp;
 extern const char* const kLensHelp;
 extern const char* const kLensRadialHelp;
+extern const char* const kLensFisheyeHelp;
 
 // What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
 void ShowCameraPlane(IUnknown* object);

@@ -102,6 +102,25 @@ TEST(HostVariant, ObjectReferencesAreCounted) {
   EXPECT_EQ(References(buffer), 1);
 }
 
+// A parameter collection wraps a text item by put_Object; its number is still the text's,
+// and an object that is no string reads as 0.
+TEST(HostVariant, AHeldStringObjectReadsAsItsNumber) {
+  SmartPtr<IVariant> variant;
+  variant.Attach(CREFString::CreateVariant());
+  SmartPtr<ICreatableString> text;
+  text.Attach(CREFString::CreateString());
+  text->SetString(5, L" -2.5");
+  variant->put_Object(text);
+  EXPECT_TRUE(variant->IsObject() && !variant->IsString());
+  EXPECT_EQ(variant->get_Double(), -2.5);
+  EXPECT_EQ(variant->get_Integer(), -2);
+  SmartPtr<IDblVector> buffer;
+  buffer.Attach(BASEObject::CreateDBLBuffer());
+  variant->put_Object(buffer);
+  EXPECT_EQ(variant->get_Double(), 0.0);
+  EXPECT_EQ(variant->get_Integer(), 0);
+}
+
 TEST(HostSimpleCollection, HoldsItemsInOrderWithReferences) {
   SmartPtr<ICreatableSimpleCollection> collection;
   collection.Attach(BASEObject::CreateSimpleCollection());
