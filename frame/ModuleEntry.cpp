@@ -2,6 +2,7 @@
 // (frame/ModuleObjects.h).
 #include "calibration/CalibrationBestFit.h"
 #include "calibration/CalibrationFitAndFilter.h"
+#include "calibration/CalibrationPolynomial.h"
 #include "calibration/CameraLinearCalibration.h"
 #include "camera/Camera3DCalibrationPlane.h"
 #include "camera/Camera3DCalibration.h"
