@@ -149,10 +149,12 @@ HRESULT SaveSamples(IDataStream* stream, const std::vector<Sample>& samples, con
 HRESULT LoadSamples(IDataStream* stream, std::vector<Sample>* samples, int* order) {
   if (!stream) return E_POINTER;
   std::vector<Sample> read;
-  int readOrder = 0;
-  bool hasOrder = false;
+  int readOrder = order ? *order : 0;
   if (SmartPtr<IFolderStream> folder = QueryAs<IFolderStream>(stream)) {
-    if (order) hasOrder = folder->ReadValue(Name(L"Order"), &readOrder, FOLDER_INT32) >= 0;
+    // A missing order keeps the caller's; one of another type is refused.
+    if (order && folder->GetEntryInfo(Name(L"Order"), nullptr, nullptr) >= 0 &&
+        folder->ReadValue(Name(L"Order"), &readOrder, FOLDER_INT32) < 0)
+      return E_FAIL;
     int type = 0, size = -1;
     SmartPtr<IString> key = Name(L"Samples");
     if (folder->GetEntryInfo(key, &type, &size) < 0 || size <= 0 || size % 16 != 0 ||
@@ -179,13 +181,12 @@ HRESULT LoadSamples(IDataStream* stream, std::vector<Sample>* samples, int* orde
         read.push_back(s);
       } else if (name == L"Order" && order) {
         if (!text || !ParseOrder(text, &readOrder)) return E_FAIL;
-        hasOrder = true;
       }
     }
   } else {
     return E_FAIL;
   }
-  if (read.empty() || !Finite(read) || (order && !hasOrder)) return E_FAIL;
+  if (read.empty() || !Finite(read)) return E_FAIL;
   Prepare(&read);
   samples->swap(read);
   if (order) *order = readOrder;

@@ -38,10 +38,12 @@ void Prepare(std::vector<Sample>* samples);
 // folder nor an XML stream: E_FAIL.
 HRESULT SaveSamples(IDataStream* stream, const std::vector<Sample>& samples, const int* order);
 
-// Reads what SaveSamples wrote, into `samples` and (when `order` is not null) `*order`,
-// and prepares the samples. Anything missing or unreadable (no samples, a block of a
-// wrong size, a number that does not parse, a non-finite value, an order that is not an
-// integer, more than kMaxSamples): E_FAIL, and the outputs are not written.
+// Reads what SaveSamples wrote, into `samples` and (when `order` is not null and the
+// stream has one) `*order`, and prepares the samples. A stream without an order keeps
+// `*order` as it is, so that the samples of either curve load into the other. Anything
+// missing or unreadable (no samples, a block of a wrong size, a number that does not
+// parse, a non-finite value, an order that is not an integer, more than kMaxSamples):
+// E_FAIL, and the outputs are not written.
 HRESULT LoadSamples(IDataStream* stream, std::vector<Sample>* samples, int* order);
 
 }  // namespace curve

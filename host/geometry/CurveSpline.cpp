@@ -45,7 +45,8 @@ class CCurveSpline : public CObject<CCurveSpline>,
     return S_OK;
   }
 
-  // ICurve and ICurveSpline share this one. No samples yet: E_FAIL, *y untouched.
+  // ICurve and ICurveSpline share this one. No samples yet: E_FAIL, *y untouched. NaN
+  // gives NaN.
   HRESULT Evaluate(double x, double* y) override {
     if (!y) return E_POINTER;
     const size_t n = m_Samples.size();
@@ -95,10 +96,12 @@ class CCurveSpline : public CObject<CCurveSpline>,
   // The order and the samples.
   HRESULT Save(IDataStream* stream, int) override { return curve::SaveSamples(stream, m_Samples, &m_Order); }
 
-  // Needs an order of 1 or 2 and two samples or more; else E_FAIL and the curve stays.
+  // Needs two samples or more and, when the stream has one, an order of 1 or 2 (without
+  // one the curve keeps its own: a Lagrange curve's samples load into a spline); else
+  // E_FAIL and the curve stays.
   HRESULT Load(IDataStream* stream, int) override {
     std::vector<curve::Sample> samples;
-    int order = 0;
+    int order = m_Order;
     const HRESULT hr = curve::LoadSamples(stream, &samples, &order);
     if (FAILED(hr)) return hr;
     if ((order != kLinear && order != kNaturalCubic) || samples.size() < 2) return E_FAIL;

@@ -246,8 +246,8 @@ TEST(Curves, LoadRefusesWhatItCannotReadAndKeepsTheCurve) {
     EXPECT_EQ(s->Load(XmlContent(bad), 0), E_FAIL) << std::string(bad, bad + std::wcslen(bad));
     EXPECT_EQ(l->Load(XmlContent(bad), 0), E_FAIL) << std::string(bad, bad + std::wcslen(bad));
   }
-  // The spline needs its order (1 or 2) and two samples; the Lagrange curve one sample.
-  EXPECT_EQ(s->Load(XmlContent(L"<C><Sample>1 1</Sample><Sample>2 3</Sample></C>"), 0), E_FAIL);
+  // The spline needs two samples and an order of 1 or 2 if one is stored; the Lagrange
+  // curve one sample.
   EXPECT_EQ(s->Load(XmlContent(L"<C><Order>3</Order><Sample>1 1</Sample><Sample>2 3</Sample></C>"), 0), E_FAIL);
   EXPECT_EQ(s->Load(XmlContent(L"<C><Order>2</Order><Sample>1 1</Sample></C>"), 0), E_FAIL);
   EXPECT_EQ(At(spline, 3), 6) << "the curve is as it was";
@@ -268,6 +268,12 @@ TEST(Curves, LoadRefusesWhatItCannotReadAndKeepsTheCurve) {
   folder->WriteData(Str(L"Samples"), block, 24, 0);
   EXPECT_EQ(s->Load(folder, 0), E_FAIL);
   EXPECT_EQ(At(spline, 3), 6);
+  // Without a stored order the spline keeps its own: a Lagrange curve's samples load.
+  QueryAs<ICurveSpline>(spline)->put_Order(1);
+  EXPECT_EQ(s->Load(XmlContent(L"<C><Sample>0 0</Sample><Sample>1 1</Sample><Sample>2 0</Sample></C>"), 0), S_OK);
+  EXPECT_EQ(At(spline, 0.5), 0.5) << "order 1 kept";
+  EXPECT_EQ(s->Load(FolderOf(Fitted(L"CurveLagrange", {{0, 1}, {2, 5}})), 0), S_OK);
+  EXPECT_EQ(At(spline, 3), 7);
 }
 
 }  // namespace
