@@ -16,6 +16,7 @@ struct LensCommand {
 };
 
 const std::vector<LensCommand> kLensCommands = {
+    {"polynomial", RunLensPolynomial, &kLensPolynomialHelp},
 };
 
 }  // namespace
@@ -23,7 +24,9 @@ const std::vector<LensCommand> kLensCommands = {
 const char* const kLensHelp =
     "usage: zeltrim lens KIND [arguments]\n"
     "Fits or builds a lens correction and saves it by extension (.xml XML, .t... folder\n"
-    "stream). Run 'zeltrim lens KIND --help' for a kind's options.\n";
+    "stream). Run 'zeltrim lens KIND --help' for a kind's options.\n"
+    "Kinds:\n"
+    "  polynomial   a grid of curves fitted to a measured grid of points\n";
 
 int RunLens(CommandContext& context) {
   if (context.args.empty() || context.args.front() == "--help" || context.args.front() == "-h") {

@@ -26,6 +26,8 @@ int RunLocate(CommandContext& context);
 int RunTriangulate(CommandContext& context);
 // `lens KIND`: CommandLens.cpp picks the kind's Run function by name.
 int RunLens(CommandContext& context);
+// `lens polynomial`: CommandLensPolynomial.cpp.
+int RunLensPolynomial(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
@@ -37,7 +39,11 @@ extern const char* const kProjectHelp;
 extern const char* const kUnprojectHelp;
 extern const char* const kLocateHelp;
 extern const char* const kLensHelp;
+extern const char* const kLensPolynomialHelp;
 
+// What `zeltrim show` prints of a CalibrationPolynomial loaded from `path`: its grid size
+// (read from the file), order, curve kind and fit errors. False for other objects.
+bool ShowPolynomial(ModuleHost& host, IUnknown* object, const std::string& path);
 // What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
 void ShowCameraPlane(IUnknown* object);
 extern const char* const kTriangulateHelp;
