@@ -1,4 +1,4 @@
-// "CalibrationPolynomial" (Part 3.6): a plane correction from a measured grid of
+// "CalibrationPolynomial": a plane correction from a measured grid of
 // NbPointsX columns by NbPointsY rows. Through each row a host curve gives the target x
 // from the source x, through each column one gives the target y from the source y; a
 // point takes the two neighbouring columns and rows and blends their curves linearly.

@@ -300,15 +300,6 @@ TEST(CalibrationPolynomial, ABadFitKeepsThePreviousModelWithZeroErrors) {
   EXPECT_EQ(c->Convert(&p.x, &p.y, &p.z), E_FAIL);
 }
 
-TEST(CalibrationPolynomial, SetParametersChangesNothing) {
-  SmartPtr<ICalibrationPolynomial> c = NewPolynomial();
-  ParameterList list;
-  list.Number(L"SDError", 3).Number(L"MaxError", 4);
-  EXPECT_EQ(QueryAs<IParametricObject>(c)->SetParameters(list.list), S_OK);
-  EXPECT_EQ(Parameter(c, L"SDError"), 0);
-  EXPECT_EQ(Parameter(c, L"MaxError"), 0);
-}
-
 // ---------------------------------------------------------------- persistence
 
 TEST(CalibrationPolynomial, AnOrderSetAfterTheFitTakesEffectAtTheNextLoad) {

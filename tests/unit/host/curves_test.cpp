@@ -228,13 +228,6 @@ TEST(Curves, BothFormsGiveEveryBitBack) {
   }
 }
 
-TEST(Curves, TheXmlFormIsTheSortedSamplesAndTheOrder) {
-  SmartPtr<ICurve> spline = Fitted(L"CurveSpline", {{2, 0.5}, {1, -1}}, 1);
-  EXPECT_EQ(XmlOf(spline), L"<CurveSpline>\r\n  <Order>1</Order>\r\n  <Sample>1 -1</Sample>\r\n  <Sample>2 0.5</Sample>\r\n</CurveSpline>");
-  SmartPtr<ICurve> lagrange = Fitted(L"CurveLagrange", {{3, 4}});
-  EXPECT_EQ(XmlOf(lagrange), L"<CurveLagrange>\r\n  <Sample>3 4</Sample>\r\n</CurveLagrange>");
-}
-
 TEST(Curves, LoadRefusesWhatItCannotReadAndKeepsTheCurve) {
   SmartPtr<ICurve> spline = Fitted(L"CurveSpline", {{0, 0}, {1, 2}});
   SmartPtr<ICurve> lagrange = Fitted(L"CurveLagrange", {{0, 0}, {1, 2}});
