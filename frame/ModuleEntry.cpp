@@ -4,6 +4,7 @@
 #include "calibration/CalibrationFisheye.h"
 #include "calibration/CalibrationFitAndFilter.h"
 #include "calibration/CalibrationRadialDistortion.h"
+#include "calibration/CalibrationPolynomial.h"
 #include "calibration/CameraLinearCalibration.h"
 #include "camera/Camera3DCalibrationPlane.h"
 #include "camera/Camera3DCalibration.h"

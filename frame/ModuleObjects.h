@@ -18,7 +18,7 @@
   BUILT(CalibrationFisheye, CCalibrationFisheye)          \
   NOT_BUILT(CalibrationInfoPropPage)                      \
   NOT_BUILT(CalibrationMatrixPropPage)                    \
-  NOT_BUILT(CalibrationPolynomial)                        \
+  BUILT(CalibrationPolynomial, CCalibrationPolynomial)    \
   NOT_BUILT(CalibrationsCollection)                       \
   BUILT(Camera3DCalibration, CCamera3DCalibration)        \
   BUILT(Camera3DCalibrationPlane, CCamera3DCalibrationPlane) \

@@ -18,6 +18,7 @@ struct LensCommand {
 const std::vector<LensCommand> kLensCommands = {
     {"radial", &RunLensRadial, &kLensRadialHelp},
     {"fisheye", &RunLensFisheye, &kLensFisheyeHelp},
+    {"polynomial", &RunLensPolynomial, &kLensPolynomialHelp},
 };
 
 }  // namespace

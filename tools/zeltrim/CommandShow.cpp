@@ -11,7 +11,8 @@ const char* const kShowHelp =
     "named parameters and, for fitted calibrations, its matrices and fit errors. For a\n"
     "camera (Camera3DTransform, Camera3DTrinsic): the camera matrix P by rows, the camera\n"
     "centre and the reprojection errors in pixels; for a Camera3DTrinsic also the\n"
-    "intrinsics A, the pose of the last view and the normalisation image size.\n";
+    "intrinsics A, the pose of the last view and the normalisation image size. For a\n"
+    "CalibrationPolynomial: its grid size, order, kind of curve and fit errors.\n";
 
 namespace {
 
@@ -112,6 +113,7 @@ int RunShow(CommandContext& context) {
   if (SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(instance)) ShowInfo(info);
   if (SmartPtr<IParametricObject> parametric = QueryAs<IParametricObject>(instance)) ShowParameters(parametric);
   if (ShowCamera(instance)) return 0;
+  if (ShowPolynomial(*context.host, instance, path)) return 0;
   if (SmartPtr<IHomogeneousCalibration> calibration = QueryAs<IHomogeneousCalibration>(instance)) {
     SmartPtr<ITransform> t;
     calibration->GetForwardTransform(t.Out());

@@ -29,6 +29,8 @@ int RunConvert(CommandContext& context);
 int RunLens(CommandContext& context);
 int RunLensRadial(CommandContext& context);
 int RunLensFisheye(CommandContext& context);
+// `lens polynomial`: CommandLensPolynomial.cpp.
+int RunLensPolynomial(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
@@ -43,7 +45,11 @@ extern const char* const kConvertHelp;
 extern const char* const kLensHelp;
 extern const char* const kLensRadialHelp;
 extern const char* const kLensFisheyeHelp;
+extern const char* const kLensPolynomialHelp;
 
+// What `zeltrim show` prints of a CalibrationPolynomial loaded from `path`: its grid size
+// (read from the file), order, curve kind and fit errors. False for other objects.
+bool ShowPolynomial(ModuleHost& host, IUnknown* object, const std::string& path);
 // What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
 void ShowCameraPlane(IUnknown* object);
 extern const char* const kTriangulateHelp;
