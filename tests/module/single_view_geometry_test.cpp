@@ -143,7 +143,7 @@ TEST(SingleViewGeometry, DecomposeGivesBackKRAndCentreUpToTheSignsOfTheAxes) {
   const double sign = parts.r[2][2] * view.r[2][2] < 0 ? -1.0 : 1.0;
   for (int i = 0; i < 3; ++i)
     for (int j = 0; j < 3; ++j) {
-      EXPECT_NEAR(parts.k[i][j], view.k[i][j] * s[j], kRounding * 1000) << "K " << i << j;
+      EXPECT_NEAR(parts.k[i][j], view.k[i][j] * s[j], kRounding) << "K " << i << j;
       EXPECT_NEAR(parts.r[i][j], sign * s[i] * view.r[i][j], kRounding) << "R " << i << j;
     }
   // The pose takes the centre to the origin: t = -R' C.
