@@ -237,10 +237,13 @@ ZELTRIM_INTERFACE(ITransformResidualErrors, IUnknown)
 ZELTRIM_INTERFACE_END
 
 ZELTRIM_INTERFACE(ISingleViewGeometry, IUnknown)
-  virtual HRESULT CalcLine(ICamera3DTrinsic* camera, double, double, double, double, double, double,
-                           double, double, double*, double*, double*, double*, double*, double*) = 0;
-  virtual HRESULT Decompose(ICamera3DTransform* camera, ICamera3DTrinsic** intrinsics, IPoint** centre,
-                            ICalibration** first, ICalibration** second) = 0;
+  // Image points a, c, b (c between the ends a and b), the world distances a-c and c-b,
+  // then the two 3D ends.
+  virtual HRESULT CalcLine(ICamera3DTrinsic* camera, double ax, double ay, double cx, double cy, double bx,
+                           double by, double distanceAC, double distanceCB, double* x1, double* y1, double* z1,
+                           double* x2, double* y2, double* z2) = 0;
+  virtual HRESULT Decompose(ICamera3DTransform* camera, ICamera3DTrinsic** intrinsic, IPoint** location,
+                            ICalibration** translation, ICalibration** rotation) = 0;
 ZELTRIM_INTERFACE_END
 
 ZELTRIM_INTERFACE(IMultiViewGeometry, IUnknown)

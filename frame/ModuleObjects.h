@@ -25,7 +25,7 @@
   BUILT(Camera3DTransform, CCamera3DTransform)            \
   BUILT(Camera3DTrinsic, CCamera3DTrinsic)                \
   BUILT(CameraLinearCalibration, CCameraLinearCalibration) \
-  NOT_BUILT(SingleViewGeometry)                           \
+  BUILT(SingleViewGeometry, CSingleViewGeometry)          \
   NOT_BUILT(MultiViewGeometry)                            \
   BUILT(TransformBestFit, CTransformBestFit)              \
   BUILT(TransformInterrogate, CTransformInterrogate)      \

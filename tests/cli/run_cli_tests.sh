@@ -295,10 +295,32 @@ near unproject-round-trip "100 200" "$("$zeltrim" unproject cam.tCAL 100,200 | "
 near unproject-xml-round-trip "320 240" "$("$zeltrim" unproject cam.xml --at-z 0 320,240 | "$zeltrim" project cam.xml)"
 check show-trinsic 0 "pose of the last view" -- "$zeltrim" show cam.tCAL
 near show-trinsic-intrinsics "800 0 320 0 800 240 0 0 1" "$("$zeltrim" show cam.tCAL | sed -n '/^intrinsics/{n;p;n;p;n;p;}' | tr '\n' ' ')"
+# decompose: the hand-made camera above splits into K = [100 0 50; 0 100 30; 0 0 1], the
+# quarter turn about z (rz = 90 degrees) and t = (1, 2, 10); the synthetic calibration's
+# last pose was Rx(-0.3) then Ry(-0.15) then Rz(0.3) radians with t = (-4, -2, 21).
+check decompose-help 0 "R = Rz(rz) Ry(ry) Rx(rx)" -- "$zeltrim" decompose --help
+near decompose-location "-2 1 -10" "$("$zeltrim" decompose cam.tCAM | sed -n 's/^location (camera centre, world): //p')"
+near decompose-rotation "0 -1 0 1 0 0 0 0 1" "$("$zeltrim" decompose cam.tCAM | sed -n '/^rotation R/{n;p;n;p;n;p;}' | tr '\n' ' ')"
+angles() { sed -n 's/^rotation angles.*: rx \(.*\)  ry \(.*\)  rz \(.*\)$/\1 \2 \3/p'; }
+near decompose-angles "0 0 90" "$("$zeltrim" decompose cam.tCAM | angles)"
+near decompose-translation "1 2 10" "$("$zeltrim" decompose cam.tCAM | sed -n 's/^translation t = -R C: //p')"
+near decompose-intrinsics "100 0 50 0 100 30 0 0 1" "$("$zeltrim" decompose cam.tCAM | sed -n '/^intrinsics K/{n;p;n;p;n;p;}' | tr '\n' ' ')"
+near decompose-calibrated-angles "-17.18873385 -8.594366927 17.18873385" "$("$zeltrim" decompose cam.tCAL | angles)"
+near decompose-calibrated-translation "-4 -2 21" "$("$zeltrim" decompose cam.tCAL | sed -n 's/^translation t = -R C: //p')"
+near decompose-calibrated-intrinsics "800 800 0 320 240" "$("$zeltrim" decompose cam.tCAL | awk '$1 == "fx" { print $2, $4, $6, $8, $10 }')"
+# An affine camera (u = 2X + 5, v = 3Y + 7) has its centre at infinity, along z.
+awk '{ printf "%.17g %.17g\n", 2 * $1 + 5, 3 * $2 + 7 }' world.txt >affine.txt
+"$zeltrim" resect affine.txt world.txt --save affine.tCAM >/dev/null
+check decompose-affine 0 "location: at infinity, in direction 0 0 1" -- "$zeltrim" decompose affine.tCAM
+check decompose-other-class 2 "holds a CalibrationBestFit, not a camera" -- "$zeltrim" decompose out.tCAL
+check decompose-no-file 2 "decompose needs one CAMERA_FILE" -- "$zeltrim" decompose
+check decompose-two-files 2 "decompose needs one CAMERA_FILE" -- "$zeltrim" decompose cam.tCAM cam.tCAL
+check decompose-missing 2 "cannot load" -- "$zeltrim" decompose nowhere.tCAM
 check project-other-class 2 "holds a CameraLinearCalibration, not a camera" -- "$zeltrim" project lin.tLin 1,2,3
 check project-missing 2 "cannot load" -- "$zeltrim" project nowhere.tCAM 1,2,3
 printf '<?xml version="1.0"?>\n<Camera3DTransform>1,2,3</Camera3DTransform>\n' >transform.xml
 check project-transform-xml 2 "write-only text form" -- "$zeltrim" project transform.xml 1,2,3
+check decompose-xml-transform 2 "write-only text form" -- "$zeltrim" decompose transform.xml
 check unproject-both-options 2 "exclude each other" -- "$zeltrim" unproject cam.tCAL --ray --at-z 0 1,2
 # locate: the synthetic camera keeps the last view's pose, so the image points of view 4
 # come back to the model on Z = 0; points of the board lifted to Z = 2 come back on Z = 2.

@@ -23,6 +23,7 @@ int RunResect(CommandContext& context);
 int RunProject(CommandContext& context);
 int RunUnproject(CommandContext& context);
 int RunLocate(CommandContext& context);
+int RunDecompose(CommandContext& context);
 int RunTriangulate(CommandContext& context);
 int RunConvert(CommandContext& context);
 // `lens KIND`: CommandLens.cpp picks the kind's Run function (CommandLens*.cpp) by name.
@@ -41,6 +42,7 @@ extern const char* const kResectHelp;
 extern const char* const kProjectHelp;
 extern const char* const kUnprojectHelp;
 extern const char* const kLocateHelp;
+extern const char* const kDecomposeHelp;
 extern const char* const kConvertHelp;
 extern const char* const kLensHelp;
 extern const char* const kLensRadialHelp;

@@ -24,6 +24,7 @@ const char* const kUsage =
     "  project   carry world points to image points through a saved camera\n"
     "  unproject carry image points back to world points or viewing rays through a saved camera\n"
     "  locate    image points to world points on a plane, through a saved camera\n"
+    "  decompose location, rotation and intrinsics of a saved camera\n"
     "  triangulate  the 3D point that two or more calibrated cameras see, line by line\n"
     "  convert   convert or revert points with any saved plane calibration or lens model\n"
     "  lens      fit or build a lens correction: radial, fisheye, polynomial\n"
@@ -46,6 +47,7 @@ const Command kCommands[] = {
     {"project", &RunProject, &kProjectHelp},
     {"unproject", &RunUnproject, &kUnprojectHelp},
     {"locate", &RunLocate, &kLocateHelp},
+    {"decompose", &RunDecompose, &kDecomposeHelp},
     {"triangulate", &RunTriangulate, &kTriangulateHelp},
     {"convert", &RunConvert, &kConvertHelp},
     {"lens", &RunLens, &kLensHelp, true},

@@ -241,6 +241,67 @@ TEST(HomogeneousTransform, MovesPointsAndCollectionsInPlace) {
   EXPECT_TRUE(Near(Item(points, 1), {6, 0, 0}, kExact));
 }
 
+// ---------------------------------------------------------------- HomogeneousCalibration
+
+// The live matrix behind a calibration's forward or reverse transform (null if none).
+double* LiveMatrix(IHomogeneousCalibration* calibration, bool forward) {
+  SmartPtr<ITransform> t;
+  if ((forward ? calibration->GetForwardTransform(t.Out()) : calibration->GetReverseTransform(t.Out())) != S_OK)
+    return nullptr;
+  SmartPtr<IHomogeneousTransform> h = QueryAs<IHomogeneousTransform>(t);
+  double* m = nullptr;
+  if (h) h->GetMatrix(&m, nullptr, nullptr);
+  return m;
+}
+
+TEST(HomogeneousCalibration, ConvertsThroughTheForwardAndRevertsThroughTheReverseLiveMatrix) {
+  SmartPtr<IHomogeneousCalibration> calibration =
+      CreateHostObject<IHomogeneousCalibration>(L"HomogeneousCalibration");
+  ASSERT_TRUE(calibration);
+  double* forward = LiveMatrix(calibration, true);
+  double* reverse = LiveMatrix(calibration, false);
+  ASSERT_TRUE(forward && reverse);
+  EXPECT_NE(forward, reverse);
+  EXPECT_EQ(forward, LiveMatrix(calibration, true)) << "the same transform every time";
+  P3 p{1, -2, 3};
+  ASSERT_EQ(calibration->Convert(&p.x, &p.y, &p.z), S_OK);
+  EXPECT_TRUE(Near(p, {1, -2, 3}, kExact)) << "both are the identity when created";
+  ASSERT_EQ(calibration->Revert(&p.x, &p.y, &p.z), S_OK);
+  EXPECT_TRUE(Near(p, {1, -2, 3}, kExact));
+  // Forward: move by (5, 6, 7); reverse: double, which is no inverse of it: the two are
+  // independent, each direction reads only its own matrix.
+  forward[12] = 5, forward[13] = 6, forward[14] = 7;
+  reverse[0] = reverse[5] = reverse[10] = 2;
+  p = {1, 2, 3};
+  ASSERT_EQ(calibration->Convert(&p.x, &p.y, &p.z), S_OK);
+  EXPECT_TRUE(Near(p, {6, 8, 10}, kExact));
+  ASSERT_EQ(calibration->Revert(&p.x, &p.y, &p.z), S_OK);
+  EXPECT_TRUE(Near(p, {12, 16, 20}, kExact));
+  // Through ICalibration, the same Convert.
+  SmartPtr<ICalibration> plain = QueryAs<ICalibration>(calibration);
+  ASSERT_TRUE(plain);
+  EXPECT_TRUE(Near(Apply(plain.get(), {0, 0, 0}), {5, 6, 7}, kExact));
+  // A fourth component of 0 has no image: E_FAIL and the point stays.
+  reverse[3] = 1, reverse[15] = 0;
+  p = {0, 4, 5};
+  EXPECT_EQ(calibration->Revert(&p.x, &p.y, &p.z), E_FAIL);
+  EXPECT_TRUE(Near(p, {0, 4, 5}, kExact));
+}
+
+TEST(HomogeneousCalibration, HandsOutCountedTransformsAndRefusesNullOutputs) {
+  SmartPtr<IHomogeneousCalibration> calibration =
+      CreateHostObject<IHomogeneousCalibration>(L"HomogeneousCalibration");
+  ASSERT_TRUE(calibration);
+  EXPECT_EQ(calibration->GetForwardTransform(nullptr), E_POINTER);
+  EXPECT_EQ(calibration->GetReverseTransform(nullptr), E_POINTER);
+  SmartPtr<ITransform> kept;
+  ASSERT_EQ(calibration->GetReverseTransform(kept.Out()), S_OK);
+  LiveMatrix(calibration, false)[12] = 1;
+  calibration = SmartPtr<IHomogeneousCalibration>();
+  // The transform outlives the calibration on its own reference.
+  EXPECT_TRUE(Near(Apply(kept.get(), {1, 1, 1}), {2, 1, 1}, kExact));
+}
+
 // ---------------------------------------------------------------- Plane
 
 std::vector<double> Coefficients(IPlane* plane) {
