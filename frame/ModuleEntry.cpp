@@ -12,6 +12,7 @@
 #include "camera/Camera3DTrinsic.h"
 #include "frame/Components.h"
 #include "frame/ModuleObjects.h"
+#include "geometry/MultiViewGeometry.h"
 #include "geometry/TransformBestFit.h"
 #include "geometry/TransformInterrogate.h"
 #include "geometry/TransformResidualErrors.h"
