@@ -25,6 +25,7 @@ const char* const kUsage =
     "  unproject carry image points back to world points or viewing rays through a saved camera\n"
     "  locate    image points to world points on a plane, through a saved camera\n"
     "  triangulate  the 3D point that two or more calibrated cameras see, line by line\n"
+    "  stereo    relative pose, epipoles, F and E of a camera pair, or F from point pairs\n"
     "  convert   convert or revert points with any saved plane calibration or lens model\n"
     "  lens      fit or build a lens correction: radial, fisheye, polynomial\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
@@ -47,6 +48,7 @@ const Command kCommands[] = {
     {"unproject", &RunUnproject, &kUnprojectHelp},
     {"locate", &RunLocate, &kLocateHelp},
     {"triangulate", &RunTriangulate, &kTriangulateHelp},
+    {"stereo", &RunStereo, &kStereoHelp},
     {"convert", &RunConvert, &kConvertHelp},
     {"lens", &RunLens, &kLensHelp, true},
 };
