@@ -13,6 +13,7 @@
 #include "frame/Components.h"
 #include "frame/ModuleObjects.h"
 #include "geometry/SingleViewGeometry.h"
+#include "geometry/MultiViewGeometry.h"
 #include "geometry/TransformBestFit.h"
 #include "geometry/TransformInterrogate.h"
 #include "geometry/TransformResidualErrors.h"

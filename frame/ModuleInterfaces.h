@@ -248,8 +248,8 @@ ZELTRIM_INTERFACE_END
 
 ZELTRIM_INTERFACE(IMultiViewGeometry, IUnknown)
   virtual HRESULT SetCalibrations(ISimpleCollection* calibrations) = 0;
-  virtual HRESULT CalcPose(int index) = 0;
-  virtual HRESULT GetMatrix(int index, double** matrix, int* rows, int* columns) = 0;
-  virtual HRESULT GetLocation(int a, int b, IUnknown** location) = 0;
+  virtual HRESULT CalcPose(int mode) = 0;
+  virtual HRESULT GetMatrix(int id, double** matrix, int* rows, int* columns) = 0;
+  virtual HRESULT GetLocation(int kind, int index, IUnknown** location) = 0;
   virtual HRESULT CalibStereo(ISimpleCollection* first, ISimpleCollection* second) = 0;
 ZELTRIM_INTERFACE_END

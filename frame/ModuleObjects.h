@@ -26,7 +26,7 @@
   BUILT(Camera3DTrinsic, CCamera3DTrinsic)                \
   BUILT(CameraLinearCalibration, CCameraLinearCalibration) \
   BUILT(SingleViewGeometry, CSingleViewGeometry)          \
-  NOT_BUILT(MultiViewGeometry)                            \
+  BUILT(MultiViewGeometry, CMultiViewGeometry)            \
   BUILT(TransformBestFit, CTransformBestFit)              \
   BUILT(TransformInterrogate, CTransformInterrogate)      \
   BUILT(TransformResidualErrors, CTransformResidualErrors)

@@ -46,7 +46,7 @@ void CMatrixLevenbergMarquardt::lmmin(int n_par, double* par, int m_dat, const v
   double* wa1 = fjac ? new (std::nothrow) double[n] : nullptr;
   double* wa2 = wa1 ? new (std::nothrow) double[n] : nullptr;
   double* wa3 = wa2 ? new (std::nothrow) double[n] : nullptr;
-  double* wa4 = wa3 ? new (std::nothrow) double[m] : nullptr;
+  double* wa4 = wa3 ? new (std::nothrow) double[m]() : nullptr;  // a residual a model leaves unwritten reads 0
   int* ipvt = wa4 ? new (std::nothrow) int[n] : nullptr;
 
   if (ipvt) {

@@ -8,7 +8,7 @@ bad=$(printf '%s\n' "$symbols" | grep -v -E '^(CreateFunction|InitializeModule|[
 for required in CreateFunction InitializeModule CCamera3DTransform_LevenbergMarquardt_Evaluate \
     CCamera3DTrinsic_LevenbergMarquardt_Evaluate CCamera3DCalibrationPlane_LevenbergMarquardt_Evaluate \
     CalibrationDistortionRadial_LevenbergMarquardt_Evaluatek1k2 CalibrationDistortionRadial_LevenbergMarquardt_EvaluateAspect \
-    CalibrationDistortionRadial_LevenbergMarquardt_EvaluateCenter; do
+    CalibrationDistortionRadial_LevenbergMarquardt_EvaluateCenter CMultiViewGeometry_LevenbergMarquardt_Evaluate; do
   printf '%s\n' "$symbols" | grep -qx "$required" || { echo "missing export: $required"; exit 1; }
 done
 if [ -n "$bad" ]; then

@@ -20,10 +20,14 @@ bool QueryFamily(const IID& iid, Family* self, void** object) {
 // A parameter collection that saves and loads itself. Unlike the module's collections,
 // loading without the replace bit also adds the items the collection lacks, so that
 // named parameters loaded into a new, empty collection all arrive.
-class CHostParameters : public CObject<CHostParameters>,
-                        public IParametersImpl<CHostParameters, IParametersCreatable>,
-                        public IDataPersist,
-                        public IObjectInfoImpl<CHostParameters> {
+// One class under two object names (Kind picks the name): "ParametersCreatable" and
+// "GeometryCollection", the named collection of geometry objects (camera locations,
+// image points) that the module fills and hands out.
+template <int Kind>
+class CHostParametersOf : public CObject<CHostParametersOf<Kind>>,
+                          public IParametersImpl<CHostParametersOf<Kind>, IParametersCreatable>,
+                          public IDataPersist,
+                          public IObjectInfoImpl<CHostParametersOf<Kind>> {
  public:
   ZELTRIM_OBJECT_REFCOUNT
   static const tagREFString m_ObjectName;
@@ -32,7 +36,7 @@ class CHostParameters : public CObject<CHostParameters>,
     if (!object) return E_POINTER;
     *object = nullptr;
     IParametersCreatable* family = static_cast<IParametersCreatable*>(this);
-    if (QueryRoute(iid, IID_IUnknown, static_cast<IUnknown*>(static_cast<CObject<CHostParameters>*>(this)), object) ||
+    if (QueryRoute(iid, IID_IUnknown, static_cast<IUnknown*>(static_cast<CObject<CHostParametersOf>*>(this)), object) ||
         QueryFamily(iid, family, object) ||
         QueryRoute(iid, IID_IDataPersist, static_cast<IDataPersist*>(this), object) ||
         QueryRoute(iid, IID_IObjectInfo, static_cast<IObjectInfo*>(this), object))
@@ -42,17 +46,17 @@ class CHostParameters : public CObject<CHostParameters>,
 
   // A folder stream gets the folder form, an XML stream the XML form.
   HRESULT Save(IDataStream* stream, int options) override {
-    if (QueryAs<IFolderStream>(stream)) return Params_SaveFolderStream(stream, options);
-    if (QueryAs<IXMLStream>(stream)) return Params_SaveXML(stream, options);
+    if (QueryAs<IFolderStream>(stream)) return this->Params_SaveFolderStream(stream, options);
+    if (QueryAs<IXMLStream>(stream)) return this->Params_SaveXML(stream, options);
     return E_FAIL;
   }
 
   HRESULT Load(IDataStream* stream, int options) override {
     if (QueryAs<IFolderStream>(stream)) {
-      if (options & PERSIST_REPLACE) return Params_LoadFolderStream(stream, options);
+      if (options & PERSIST_REPLACE) return this->Params_LoadFolderStream(stream, options);
       return LoadFolderAddingMissing(stream);
     }
-    if (QueryAs<IXMLStream>(stream)) return LoadXMLElements(stream, options, true);
+    if (QueryAs<IXMLStream>(stream)) return this->LoadXMLElements(stream, options, true);
     return E_FAIL;
   }
 
@@ -70,14 +74,19 @@ class CHostParameters : public CObject<CHostParameters>,
       if (keys->get_ItemName(k, name.Out()) < 0 || !name) continue;
       keys->get_Item(k, entry.Out());
       int index = -1;
-      if (get_Index(name, &index) < 0 || !ValidIndex(index)) index = -1;
-      LoadFolderEntry(folder, name, entry, index);
+      if (this->get_Index(name, &index) < 0 || !this->ValidIndex(index)) index = -1;
+      this->LoadFolderEntry(folder, name, entry, index);
     }
     return S_OK;
   }
 };
 
+typedef CHostParametersOf<0> CHostParameters;
+typedef CHostParametersOf<1> CGeometryCollection;
+template <>
 const tagREFString CHostParameters::m_ObjectName = {19, L"ParametersCreatable"};
+template <>
+const tagREFString CGeometryCollection::m_ObjectName = {18, L"GeometryCollection"};
 
 // Collections of collections (page lists and the like).
 class CHostSuperCollection : public CObject<CHostSuperCollection>,
@@ -104,4 +113,5 @@ class CHostSuperCollection : public CObject<CHostSuperCollection>,
 const tagREFString CHostSuperCollection::m_ObjectName = {15, L"SuperCollection"};
 
 ZELTRIM_PEER_OBJECT(L"ParametersCreatable", CHostParameters);
+ZELTRIM_PEER_OBJECT(L"GeometryCollection", CGeometryCollection);
 ZELTRIM_PEER_OBJECT(L"SuperCollection", CHostSuperCollection);

@@ -15,6 +15,7 @@ const ComponentRow kComponentTable[] = {
     {L"SuperCollection", L"Collections"},
     {L"SimpleCollection", L"Collections"},
     {L"ParametersCreatable", L"Collections"},
+    {L"GeometryCollection", L"Collections"},
     {L"DblBuffer", L"Collections"},
     // Geometry and transforms.
     {L"Point", L"Geometry"},
@@ -24,7 +25,6 @@ const ComponentRow kComponentTable[] = {
     {L"LineSegment", L"Geometry"},
     {L"CurveLagrange", L"Geometry"},
     {L"CurveSpline", L"Geometry"},
-    {L"GeometryCollection", L"Geometry"},
     {L"LinearTransform", L"Geometry"},
     {L"LinearCalibration", L"Geometry"},
     {L"HomogeneousTransform", L"Geometry"},

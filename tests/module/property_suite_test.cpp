@@ -416,6 +416,8 @@ void NullOutputs(const ClassTraits& t, const IID& iid, IUnknown* object) {
     SmartPtr<ICalibrationBestFit> fit = QueryAs<ICalibrationBestFit>(object);
     EXPECT_EQ(fit->GetForwardTransform(nullptr), E_POINTER) << "a result place that is required";
     EXPECT_EQ(fit->GetReverseTransform(nullptr), E_POINTER);
+  } else if (iid == IID_IMultiViewGeometry) {
+    EXPECT_EQ(QueryAs<IMultiViewGeometry>(object)->GetMatrix(1, nullptr, nullptr, nullptr), S_OK);
   } else if (iid == IID_ITransformInterrogate) {
     SmartPtr<ITransformInterrogate> ask = QueryAs<ITransformInterrogate>(object);
     SmartPtr<IHomogeneousTransform> identity = LoadedModule::Get().Create<IHomogeneousTransform>(L"TransformBestFit");

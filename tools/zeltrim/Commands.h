@@ -25,6 +25,7 @@ int RunUnproject(CommandContext& context);
 int RunLocate(CommandContext& context);
 int RunDecompose(CommandContext& context);
 int RunTriangulate(CommandContext& context);
+int RunStereo(CommandContext& context);
 int RunConvert(CommandContext& context);
 // `lens KIND`: CommandLens.cpp picks the kind's Run function (CommandLens*.cpp) by name.
 int RunLens(CommandContext& context);
@@ -55,6 +56,7 @@ bool ShowPolynomial(ModuleHost& host, IUnknown* object, const std::string& path)
 // What `zeltrim show` prints of a Camera3DCalibrationPlane: its camera and its plane.
 void ShowCameraPlane(IUnknown* object);
 extern const char* const kTriangulateHelp;
+extern const char* const kStereoHelp;
 
 // A host "PointsCollection" holding the points (null when the host has none).
 SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points);

@@ -26,6 +26,7 @@ const char* const kUsage =
     "  locate    image points to world points on a plane, through a saved camera\n"
     "  decompose location, rotation and intrinsics of a saved camera\n"
     "  triangulate  the 3D point that two or more calibrated cameras see, line by line\n"
+    "  stereo    relative pose, epipoles, F and E of a camera pair, or F from point pairs\n"
     "  convert   convert or revert points with any saved plane calibration or lens model\n"
     "  lens      fit or build a lens correction: radial, fisheye, polynomial\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
@@ -49,6 +50,7 @@ const Command kCommands[] = {
     {"locate", &RunLocate, &kLocateHelp},
     {"decompose", &RunDecompose, &kDecomposeHelp},
     {"triangulate", &RunTriangulate, &kTriangulateHelp},
+    {"stereo", &RunStereo, &kStereoHelp},
     {"convert", &RunConvert, &kConvertHelp},
     {"lens", &RunLens, &kLensHelp, true},
 };

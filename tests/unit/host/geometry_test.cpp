@@ -492,4 +492,36 @@ TEST_F(LineSegmentTest, SetEndsGivesTheLineAndBadInputIsRefused) {
   EXPECT_TRUE(EndsAre({0, 0, 0}, {0, 2, 0})) << "a failed fit keeps the line";
 }
 
+
+// ---------------------------------------------------------------- GeometryCollection
+
+TEST(GeometryCollection, IsANamedCollectionOfSharedGeometryUnderItsOwnName) {
+  SmartPtr<IParametersCreatable> list = CreateHostObject<IParametersCreatable>(L"GeometryCollection");
+  ASSERT_TRUE(list) << "the global collection makes it with IParametersCreatable";
+  SmartPtr<IObjectInfo> info = QueryAs<IObjectInfo>(list);
+  tagREFString name{0, nullptr};
+  ASSERT_TRUE(info && info->GetName(0, &name) == S_OK);
+  EXPECT_EQ(std::wstring(name.m_Text, name.m_Length), L"GeometryCollection");
+  SmartPtr<IPoint> point = CreateHostObject<IPoint>(L"Point");
+  SmartPtr<IPointVector> vector = CreateHostObject<IPointVector>(L"PointVector");
+  SmartPtr<IString> first, second;
+  first.Attach(ISLabel(L"Epipolar", 1, L'#', 1));
+  second.Attach(ISLabel(L"CameraLocation", 2, L'#', 1));
+  ASSERT_EQ(list->Add(first, point, nullptr, 0), S_OK);
+  ASSERT_EQ(list->Add(second, vector, nullptr, 0), S_OK);
+  point->SetXYZ(4, 5, 6);  // held by reference, not copied
+  int index = -1;
+  ASSERT_EQ(list->get_Index(second, &index), S_OK);
+  EXPECT_EQ(index, 1);
+  SmartPtr<IUnknown> item;
+  ASSERT_EQ(list->get_Item(0, item.Out()), S_OK);
+  P3 p{0, 0, 0};
+  QueryAs<IPoint>(item)->GetXYZ(&p.x, &p.y, &p.z);
+  EXPECT_TRUE(Near(p, {4, 5, 6}, kExact));
+  EXPECT_EQ(list->RemoveAll(), S_OK);
+  int count = -1;
+  list->get_Count(&count);
+  EXPECT_EQ(count, 0);
+}
+
 }  // namespace
