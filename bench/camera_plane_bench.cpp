@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "bench/RatioReporter.h"
-#include "host/client/ModuleHost.h"
+#include "bench/BenchModule.h"
 
 #ifdef ZELTRIM_HAVE_EIGEN
 #include <Eigen/Dense>
@@ -38,36 +38,6 @@ void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 #pragma GCC diagnostic pop
 
 namespace {
-
-// The module and the global collection, loaded once as a framework host does.
-ModuleHost& Host() {
-  static ModuleHost host;
-  static const bool loaded = host.Load(ExecutableFolder());
-  (void)loaded;
-  return host;
-}
-
-// P = K [R | t] by rows, a camera 10 units from the origin.
-struct Camera {
-  double p[3][4];
-  Camera() {
-    const double k[3][3] = {{800, 0.5, 320}, {0, 780, 240}, {0, 0, 1}};
-    const double a = 0.2, b = -0.3, c = 0.1;
-    const double r[3][3] = {
-        {std::cos(c) * std::cos(b), std::cos(c) * std::sin(b) * std::sin(a) - std::sin(c) * std::cos(a),
-         std::cos(c) * std::sin(b) * std::cos(a) + std::sin(c) * std::sin(a)},
-        {std::sin(c) * std::cos(b), std::sin(c) * std::sin(b) * std::sin(a) + std::cos(c) * std::cos(a),
-         std::sin(c) * std::sin(b) * std::cos(a) - std::cos(c) * std::sin(a)},
-        {-std::sin(b), std::cos(b) * std::sin(a), std::cos(b) * std::cos(a)}};
-    const double t[3] = {0.3, -0.2, 10.0};
-    for (int i = 0; i < 3; ++i)
-      for (int j = 0; j < 4; ++j) {
-        double sum = 0;
-        for (int m = 0; m < 3; ++m) sum += k[i][m] * (j < 3 ? r[m][j] : t[m]);
-        p[i][j] = sum;
-      }
-  }
-};
 
 // Image points over the picture, cycled through by every case.
 const std::vector<double>& ImagePoints() {
@@ -118,12 +88,12 @@ void Run(benchmark::State& state, ICamera3DCalibrationPlane* o, const std::vecto
 }
 
 void PlaneRoute(benchmark::State& state, const wchar_t* cameraClass) {
-  SmartPtr<ICamera3DCalibrationPlane> o = Locator(cameraClass, Camera().p);
+  SmartPtr<ICamera3DCalibrationPlane> o = Locator(cameraClass, BenchCamera().p);
   Run(state, o, ImagePoints());
 }
 
 void PseudoInverseRoute(benchmark::State& state) {
-  SmartPtr<ICamera3DCalibrationPlane> o = Locator(L"Camera3DTrinsic", Camera().p);
+  SmartPtr<ICamera3DCalibrationPlane> o = Locator(L"Camera3DTrinsic", BenchCamera().p);
   if (o) o->UsePseudoInverse(1);
   Run(state, o, ImagePoints());
 }
@@ -142,7 +112,7 @@ void SingularSystem(benchmark::State& state) {
 // The plane route's system, built the same way and solved through Eigen's fixed-size
 // inverse (cofactors, as the module's adjugate).
 void PlaneRouteEigen(benchmark::State& state) {
-  const Camera camera;
+  const BenchCamera camera;
   const std::vector<double>& xy = ImagePoints();
   const double length = std::sqrt(kPlane[0] * kPlane[0] + kPlane[1] * kPlane[1] + kPlane[2] * kPlane[2]);
   size_t i = 0;

@@ -10,7 +10,7 @@
 #include <cmath>
 
 #include "bench/RatioReporter.h"
-#include "host/client/ModuleHost.h"
+#include "bench/BenchModule.h"
 
 #ifdef ZELTRIM_HAVE_OPENCV
 #include <opencv2/calib3d.hpp>
@@ -18,41 +18,12 @@
 
 namespace {
 
-ModuleHost& Host() {
-  static ModuleHost host;
-  static const bool loaded = host.Load(ExecutableFolder());
-  (void)loaded;
-  return host;
-}
-
-// P = K [R | t] by rows, a camera 10 units from the origin, turned about all three axes.
-struct Camera {
-  double p[3][4];
-  Camera() {
-    const double k[3][3] = {{800, 0.5, 320}, {0, 780, 240}, {0, 0, 1}};
-    const double a = 0.2, b = -0.3, c = 0.1;
-    const double r[3][3] = {
-        {std::cos(c) * std::cos(b), std::cos(c) * std::sin(b) * std::sin(a) - std::sin(c) * std::cos(a),
-         std::cos(c) * std::sin(b) * std::cos(a) + std::sin(c) * std::sin(a)},
-        {std::sin(c) * std::cos(b), std::sin(c) * std::sin(b) * std::sin(a) + std::cos(c) * std::cos(a),
-         std::sin(c) * std::sin(b) * std::cos(a) - std::cos(c) * std::sin(a)},
-        {-std::sin(b), std::cos(b) * std::sin(a), std::cos(b) * std::cos(a)}};
-    const double t[3] = {0.3, -0.2, 10.0};
-    for (int i = 0; i < 3; ++i)
-      for (int j = 0; j < 4; ++j) {
-        double sum = 0;
-        for (int m = 0; m < 3; ++m) sum += k[i][m] * (j < 3 ? r[m][j] : t[m]);
-        p[i][j] = sum;
-      }
-  }
-};
-
 // A Camera3DTransform holding the camera, its matrix written by columns.
 SmartPtr<ICamera3DTransform> ModuleCamera() {
   SmartPtr<ICamera3DTransform> camera = Host().Create<ICamera3DTransform>(L"Camera3DTransform");
   double* m = nullptr;
   if (camera) camera->GetMatrix(&m, nullptr, nullptr);
-  const Camera truth;
+  const BenchCamera truth;
   for (int r = 0; m && r < 3; ++r)
     for (int c = 0; c < 4; ++c) m[3 * c + r] = truth.p[r][c];
   return camera;
@@ -82,7 +53,7 @@ void Decompose(benchmark::State& state, Outputs outputs) {
 
 #ifdef ZELTRIM_HAVE_OPENCV
 void DecomposeOpenCV(benchmark::State& state) {
-  const Camera truth;
+  const BenchCamera truth;
   cv::Mat p(3, 4, CV_64F);
   for (int r = 0; r < 3; ++r)
     for (int c = 0; c < 4; ++c) p.at<double>(r, c) = truth.p[r][c];

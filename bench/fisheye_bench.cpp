@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "bench/RatioReporter.h"
-#include "host/client/ModuleHost.h"
+#include "bench/BenchModule.h"
 
 #ifdef ZELTRIM_HAVE_OPENCV
 #include <opencv2/calib3d.hpp>
@@ -50,12 +50,6 @@ constexpr double kFisheyeFOV = 190;      // degrees
 constexpr double kCentreX = 1296, kCentreY = 972, kRadiusX = 1000, kRadiusY = 990;
 constexpr double kPi = 3.141592653589793;
 
-ModuleHost& Host() {
-  static ModuleHost host;
-  static const bool loaded = host.Load(ExecutableFolder());
-  (void)loaded;
-  return host;
-}
 
 SmartPtr<ICalibrationFisheye> Fisheye() {
   ModuleHost& host = Host();

@@ -7,17 +7,10 @@
 
 #include <vector>
 
-#include "host/client/ModuleHost.h"
+#include "bench/BenchModule.h"
 #include "tests/module/RadialLines.h"
 
 namespace {
-
-ModuleHost& Host() {
-  static ModuleHost host;
-  static const bool loaded = host.Load(ExecutableFolder());
-  (void)loaded;
-  return host;
-}
 
 radial_lines::Model Truth() {
   radial_lines::Model m;

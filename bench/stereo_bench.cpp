@@ -14,20 +14,13 @@
 #include <vector>
 
 #include "bench/RatioReporter.h"
-#include "host/client/ModuleHost.h"
+#include "bench/BenchModule.h"
 
 #ifdef ZELTRIM_HAVE_OPENCV
 #include <opencv2/calib3d.hpp>
 #endif
 
 namespace {
-
-ModuleHost& Host() {
-  static ModuleHost host;
-  static const bool loaded = host.Load(ExecutableFolder());
-  (void)loaded;
-  return host;
-}
 
 // Two views of one rig by rows: P = K [R | t], R a turn about y.
 struct View {

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "bench/RatioReporter.h"
-#include "host/client/ModuleHost.h"
+#include "bench/BenchModule.h"
 
 #ifdef ZELTRIM_HAVE_OPENCV
 #include <opencv2/calib3d.hpp>
@@ -24,12 +24,6 @@ namespace {
 
 constexpr int kPoints = 256;  // world points per benchmark iteration
 
-ModuleHost& Host() {
-  static ModuleHost host;
-  static const bool loaded = host.Load(ExecutableFolder());
-  (void)loaded;
-  return host;
-}
 
 // n cameras on an arc around the origin, ten units away, each P = K [R | t] by rows,
 // R a turn about y; and kPoints world points in a box around the origin with their exact
