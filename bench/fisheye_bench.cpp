@@ -19,28 +19,12 @@
 
 #include "bench/RatioReporter.h"
 #include "bench/BenchModule.h"
+#include "bench/CountedAllocations.h"
 
 #ifdef ZELTRIM_HAVE_OPENCV
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core.hpp>
 #endif
-
-namespace {
-std::atomic<long> gAllocations{0};
-}
-
-void* operator new(std::size_t size) {
-  gAllocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* p = std::malloc(size ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-// The replacement pair is malloc and free; the compiler cannot tell that they belong
-// together through the replaced operator new.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-#pragma GCC diagnostic pop
 
 namespace {
 
