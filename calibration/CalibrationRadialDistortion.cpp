@@ -1,5 +1,6 @@
 #include "calibration/CalibrationRadialDistortion.h"
 
+#include <array>
 #include <cmath>
 #include <new>
 #include <vector>
@@ -398,27 +399,28 @@ HRESULT CCalibrationDistortionRadial::GetPages(int, INamedCollection** pages, IU
   return S_OK;
 }
 
-namespace {
-
-// The stored values in their order; the centre is stored as "cx", "cy".
-struct StoredValue {
-  const wchar_t* key;
-  void* value;
-  int type;
-};
-
-}  // namespace
+std::array<CCalibrationDistortionRadial::StoredValue, 14> CCalibrationDistortionRadial::StoredValues(int* width,
+                                                                                                  int* height) {
+  return {{{L"k0", &k0, FOLDER_DOUBLE},
+           {L"k1", &k1, FOLDER_DOUBLE},
+           {L"k2", &k2, FOLDER_DOUBLE},
+           {L"k3", &k3, FOLDER_DOUBLE},
+           {L"k4", &k4, FOLDER_DOUBLE},
+           {L"cx", &x0, FOLDER_DOUBLE},
+           {L"cy", &y0, FOLDER_DOUBLE},
+           {L"s", &s, FOLDER_DOUBLE},
+           {L"ImageWidth", width, FOLDER_INT32},
+           {L"ImageHeight", height, FOLDER_INT32},
+           {L"UpperError", &UpperError, FOLDER_DOUBLE},
+           {L"LowerError", &LowerError, FOLDER_DOUBLE},
+           {L"SDError", &SDError, FOLDER_DOUBLE},
+           {L"InverseMethod", &InverseMethod, FOLDER_INT32}}};
+}
 
 HRESULT CCalibrationDistortionRadial::PersistSave(IDataStream* stream, int) {
   if (!stream) return E_FAIL;
   int width = static_cast<int>(ImageWidth), height = static_cast<int>(ImageHeight);
-  const StoredValue values[] = {
-      {L"k0", &k0, FOLDER_DOUBLE},         {L"k1", &k1, FOLDER_DOUBLE},          {L"k2", &k2, FOLDER_DOUBLE},
-      {L"k3", &k3, FOLDER_DOUBLE},         {L"k4", &k4, FOLDER_DOUBLE},          {L"cx", &x0, FOLDER_DOUBLE},
-      {L"cy", &y0, FOLDER_DOUBLE},         {L"s", &s, FOLDER_DOUBLE},            {L"ImageWidth", &width, FOLDER_INT32},
-      {L"ImageHeight", &height, FOLDER_INT32}, {L"UpperError", &UpperError, FOLDER_DOUBLE},
-      {L"LowerError", &LowerError, FOLDER_DOUBLE}, {L"SDError", &SDError, FOLDER_DOUBLE},
-      {L"InverseMethod", &InverseMethod, FOLDER_INT32}};
+  const auto values = StoredValues(&width, &height);
   if (SmartPtr<IFolderStream> folder = QueryAs<IFolderStream>(stream)) {
     for (const StoredValue& v : values) folder->WriteValue(NewString(v.key), v.value, v.type);
     SmartPtr<IDataStream> info;
@@ -447,13 +449,7 @@ HRESULT CCalibrationDistortionRadial::PersistLoad(IDataStream* stream, int) {
   if (!stream) return E_FAIL;
   if (SmartPtr<IFolderStream> folder = QueryAs<IFolderStream>(stream)) {
     int width = static_cast<int>(ImageWidth), height = static_cast<int>(ImageHeight);
-    const StoredValue values[] = {
-        {L"k0", &k0, FOLDER_DOUBLE},         {L"k1", &k1, FOLDER_DOUBLE},          {L"k2", &k2, FOLDER_DOUBLE},
-        {L"k3", &k3, FOLDER_DOUBLE},         {L"k4", &k4, FOLDER_DOUBLE},          {L"cx", &x0, FOLDER_DOUBLE},
-        {L"cy", &y0, FOLDER_DOUBLE},         {L"s", &s, FOLDER_DOUBLE},            {L"ImageWidth", &width, FOLDER_INT32},
-        {L"ImageHeight", &height, FOLDER_INT32}, {L"UpperError", &UpperError, FOLDER_DOUBLE},
-        {L"LowerError", &LowerError, FOLDER_DOUBLE}, {L"SDError", &SDError, FOLDER_DOUBLE},
-        {L"InverseMethod", &InverseMethod, FOLDER_INT32}};
+    const auto values = StoredValues(&width, &height);
     for (const StoredValue& v : values) folder->ReadValue(NewString(v.key), v.value, v.type);
     ImageWidth = static_cast<unsigned int>(width);
     ImageHeight = static_cast<unsigned int>(height);

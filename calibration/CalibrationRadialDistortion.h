@@ -13,6 +13,8 @@
 // it is not reentrant, and a Convert from another thread during a fit sees trial values.
 #pragma once
 
+#include <array>
+
 #include "frame/Object.h"
 #include "persist/CalibrationInfoImpl.h"
 #include "persist/ParametricImpl.h"
@@ -80,6 +82,14 @@ class CCalibrationDistortionRadial
   double Side() const;
   // f at the radius of (u, v).
   double Polynomial(double u, double v) const;
+  // The stored values in their order, the sizes through the caller's ints (the fields are
+  // unsigned); the centre is stored as "cx", "cy".
+  struct StoredValue {
+    const wchar_t* key;
+    void* value;
+    int type;
+  };
+  std::array<StoredValue, 14> StoredValues(int* width, int* height);
   // Sets the lower, upper and standard-deviation figures from the residuals in pixels.
   void Statistics(int m);
 

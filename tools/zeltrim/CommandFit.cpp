@@ -132,6 +132,15 @@ bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::st
   return true;
 }
 
+bool ReadPointPairFiles(const std::string& sourcePath, const std::string& targetPath, std::vector<Point3>* source,
+                        std::vector<Point3>* target, std::string* error) {
+  if (!ReadPointFile(sourcePath, source, error) || !ReadPointFile(targetPath, target, error)) return false;
+  if (source->size() == target->size()) return true;
+  *error = "the point files differ in length: " + std::to_string(source->size()) + " and " +
+           std::to_string(target->size()) + " points";
+  return false;
+}
+
 SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points) {
   SmartPtr<IPointsCollection> collection;
   void* p = nullptr;
@@ -149,10 +158,7 @@ int RunFit(CommandContext& context) {
   if (!ParseSettings(context, &s, &error)) return Fail(error);
   if (const int status = CheckSavePath(s.save)) return status;
   std::vector<Point3> source, target;
-  if (!ReadPointFile(s.source, &source, &error) || !ReadPointFile(s.target, &target, &error)) return Fail(error);
-  if (source.size() != target.size())
-    return Fail("the point files differ in length: " + std::to_string(source.size()) + " and " +
-                std::to_string(target.size()) + " points");
+  if (!ReadPointPairFiles(s.source, s.target, &source, &target, &error)) return Fail(error);
   if (source.size() < 2) return Fail("a fit needs at least 2 point pairs, the files hold " + std::to_string(source.size()));
 
   ModuleHost& host = *context.host;

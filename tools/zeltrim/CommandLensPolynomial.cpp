@@ -132,10 +132,7 @@ int RunLensPolynomial(CommandContext& context) {
   if (!ParseSettings(context, &s, &error)) return Fail(error);
   if (const int status = CheckSavePath(s.save)) return status;
   std::vector<Point3> source, target;
-  if (!ReadPointFile(s.source, &source, &error) || !ReadPointFile(s.target, &target, &error)) return Fail(error);
-  if (source.size() != target.size())
-    return Fail("the point files differ in length: " + std::to_string(source.size()) + " and " +
-                std::to_string(target.size()) + " points");
+  if (!ReadPointPairFiles(s.source, s.target, &source, &target, &error)) return Fail(error);
   const size_t points = static_cast<size_t>(s.columns) * static_cast<size_t>(s.rows);
   if (source.size() != points)
     return Fail("the grid " + std::to_string(s.columns) + "x" + std::to_string(s.rows) + " has " +

@@ -71,6 +71,11 @@ bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::st
 std::string LoadCalibrationFile(ModuleHost& host, const std::string& path, SmartPtr<IUnknown>* object,
                                 std::wstring* objectName);
 
+// Reads two point files whose lines pair up; files of different lengths are refused with
+// "the point files differ in length: A and B points".
+bool ReadPointPairFiles(const std::string& sourcePath, const std::string& targetPath, std::vector<Point3>* source,
+                        std::vector<Point3>* target, std::string* error);
+
 // Prints "zeltrim: <message>" on standard error and returns `status`.
 int Fail(const std::string& message, int status = 2);
 // Before any work: a --save path that cannot be written fails with status 2 (the message
