@@ -19,7 +19,7 @@
   NOT_BUILT(CalibrationInfoPropPage)                      \
   NOT_BUILT(CalibrationMatrixPropPage)                    \
   BUILT(CalibrationPolynomial, CCalibrationPolynomial)    \
-  NOT_BUILT(CalibrationsCollection)                       \
+  BUILT(CalibrationsCollection, CCalibrationsCollection) \
   BUILT(Camera3DCalibration, CCamera3DCalibration)        \
   BUILT(Camera3DCalibrationPlane, CCamera3DCalibrationPlane) \
   BUILT(Camera3DTransform, CCamera3DTransform)            \

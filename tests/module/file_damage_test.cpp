@@ -54,6 +54,11 @@ void Populate(IUnknown* object) {
     located->get_Plane(&plane);
     if (SmartPtr<IPlane> p = QueryAs<IPlane>(plane)) p->SetCoefficients(0.2, -0.4, 1, 1.5);
   }
+  if (SmartPtr<ICalibrationsCollection> members = QueryAs<ICalibrationsCollection>(object)) {
+    SmartPtr<IUnknown> member = LoadedModule::Get().Create<IUnknown>(L"CameraLinearCalibration");
+    Populate(member);
+    members->Add(Str(L"Floor"), member, nullptr, 0);
+  }
   if (SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(object)) {
     info->put_CALIBName(Str(L"Left bench <&> \x00e9"));
     info->put_CALIBDescription(Str(L"damage test"));

@@ -107,6 +107,18 @@ Snapshot Take(IUnknown* object) {
     info->GetCalibrationTime(&t[0], &t[1], &t[2], &t[3], &t[4]);
     for (int i = 0; i < 5; ++i) s.numbers["info.time" + std::to_string(i)] = t[i];
   }
+  // A collection's members: each name with the object name (or the text) of its item.
+  if (SmartPtr<IParameters> members = QueryAs<IParameters>(object))
+    for (int i = 0; i < Count(members); ++i) {
+      SmartPtr<IString> name;
+      SmartPtr<IUnknown> item;
+      members->get_ItemName(i, name.Out());
+      members->get_Item(i, item.Out());
+      SmartPtr<IObjectInfo> kind = QueryAs<IObjectInfo>(item);
+      tagREFString kindName{0, nullptr};
+      s.texts["member." + Narrow(Text(name))] =
+          kind && kind->GetName(0, &kindName) >= 0 ? std::wstring(kindName.m_Text, kindName.m_Length) : Text(item);
+    }
   return s;
 }
 
