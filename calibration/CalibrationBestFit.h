@@ -21,7 +21,7 @@ class CCalibrationBestFit : public CObject<CCalibrationBestFit>,
   static const tagREFString m_ObjectName;
 
   CCalibrationBestFit();
-  ~CCalibrationBestFit() override;
+  ~CCalibrationBestFit();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   // The caller's out variable must already hold a non-null value (E_INVALIDARG if not).

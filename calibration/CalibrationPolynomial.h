@@ -42,7 +42,7 @@ class CCalibrationPolynomial : public CObject<CCalibrationPolynomial>,
   static const tagREFString m_ObjectName;
 
   CCalibrationPolynomial();
-  ~CCalibrationPolynomial() override;
+  ~CCalibrationPolynomial();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   // ICalibrationPolynomial (ICalibrationDistortion and ICalibration on the same route).

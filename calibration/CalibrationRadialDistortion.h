@@ -35,7 +35,7 @@ class CCalibrationDistortionRadial
   static const tagREFString m_ObjectName;
 
   CCalibrationDistortionRadial();
-  ~CCalibrationDistortionRadial() override;
+  ~CCalibrationDistortionRadial();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   // ICalibrationDistortionRadial. Convert and Revert never touch z; Convert always

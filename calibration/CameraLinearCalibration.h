@@ -25,7 +25,7 @@ class CCameraLinearCalibration : public CObject<CCameraLinearCalibration>,
   static const tagREFString m_ObjectName;
 
   CCameraLinearCalibration();
-  ~CCameraLinearCalibration() override;
+  ~CCameraLinearCalibration();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   // ICameraLinearCalibration (and ICalibration on the same route).

@@ -29,7 +29,7 @@ class CCamera3DCalibration
   static const tagREFString m_ObjectName;
 
   CCamera3DCalibration() = default;
-  ~CCamera3DCalibration() override;
+  ~CCamera3DCalibration();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   // points: image points (u, v, any), point i for camera i; the shorter of points and

@@ -43,7 +43,7 @@ class CCamera3DCalibrationPlane : public CObject<CCamera3DCalibrationPlane>,
   static constexpr int kStoreViews = 153;
 
   CCamera3DCalibrationPlane();
-  ~CCamera3DCalibrationPlane() override;
+  ~CCamera3DCalibrationPlane();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   // Borrowed: no reference is added. A null place is accepted.

@@ -36,7 +36,7 @@ class CCamera3DTransform : public CObject<CCamera3DTransform>,
   static const tagREFString m_ObjectName;
 
   CCamera3DTransform();
-  ~CCamera3DTransform() override;
+  ~CCamera3DTransform();
   // Does not answer ICalibrationInfo, though the info block is a base.
   HRESULT QueryInterface(const IID& iid, void** object) override;
 

@@ -44,7 +44,7 @@ class CCamera3DTrinsic : public CObject<CCamera3DTrinsic>,
   static const tagREFString m_ObjectName;
 
   CCamera3DTrinsic();
-  ~CCamera3DTrinsic() override;
+  ~CCamera3DTrinsic();
   // Answers neither ICalibration nor ICalibrationInfo, though both bases are present.
   HRESULT QueryInterface(const IID& iid, void** object) override;
 

@@ -191,23 +191,25 @@ ZELTRIM_INTERFACE_END
 ZELTRIM_INTERFACE(ICalibrationsCollection, IParametersCreatable)
 ZELTRIM_INTERFACE_END
 
-// The calibrations collection's three slots stand on the class, not on an interface:
-// they follow the class's first seven operations and its destructor in the table of the
+// The calibrations collection's three slots stand on the class, not on an interface: they
+// are the class's own operations, right behind the seven of CObject in the table of the
 // pointer it hands out for IUnknown. A host reaches them through that pointer with this
 // layout. get_: E_INVALIDARG for a null place, E_FAIL for an empty slot; put_: stores a
-// reference, null empties the slot.
+// reference, null empties the slot. Only a collection's IUnknown pointer may be cast to it.
 struct CalibrationsCollectionSlots : IUnknown {
   virtual HRESULT FinalConstruct() = 0;
   virtual void FinalRelease() = 0;
   virtual void Lock() = 0;
   virtual void Unlock() = 0;
-  virtual ~CalibrationsCollectionSlots() = default;  // two entries, as the class's
   virtual HRESULT get_Location(ICalibration** out) = 0;
   virtual HRESULT put_Location(ICalibration* calibration) = 0;
   virtual HRESULT get_ActiveLens(ICalibration** out) = 0;
   virtual HRESULT put_ActiveLens(ICalibration* calibration) = 0;
   virtual HRESULT get_ActiveAlignment(ICalibration** out) = 0;
   virtual HRESULT put_ActiveAlignment(ICalibration* calibration) = 0;
+
+ protected:
+  ~CalibrationsCollectionSlots() = default;
 };
 
 ZELTRIM_INTERFACE(ICamera3DCalibration, ICreatableSimpleCollection)

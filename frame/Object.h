@@ -21,7 +21,6 @@ class CObject : public IUnknown {
   virtual void FinalRelease() {}
   virtual void Lock() {}
   virtual void Unlock() {}
-  virtual ~CObject() = default;
 
   // The creator handed out by CreateFunction. `outer` is never read.
   static HRESULT _CreateInstance(void* outer, IID* iid, void** object) {
@@ -47,24 +46,34 @@ class CObject : public IUnknown {
       }
     }
     created->FinalRelease();
-    delete created;
+    Destroy(created);
     return hr;
   }
 
   int m_RefCount = 1;
 
  protected:
+  // Not virtual: a destructor slot would stand between Unlock and the class's own
+  // operations in the table of the IUnknown route, where hosts expect those operations.
+  // Objects are only ever destroyed as their concrete class, by Destroy.
+  ~CObject() = default;
+
+  static void Destroy(T* self) {
+    self->~T();
+    ::operator delete(self);
+  }
+
   int IncrementRef() {
-    __atomic_add_fetch(&m_RefCount, 1, __ATOMIC_SEQ_CST);
-    return m_RefCount;
+    return __atomic_add_fetch(&m_RefCount, 1, __ATOMIC_SEQ_CST);
   }
   int DecrementRef() {
-    __atomic_sub_fetch(&m_RefCount, 1, __ATOMIC_SEQ_CST);
-    const int count = m_RefCount;
+    // The count this thread's decrement left, not a second read: two threads releasing
+    // the last two references would otherwise both see 0.
+    const int count = __atomic_sub_fetch(&m_RefCount, 1, __ATOMIC_SEQ_CST);
     if (count == 0) {
       T* self = static_cast<T*>(this);
       self->FinalRelease();
-      delete self;
+      Destroy(self);
       return 0;
     }
     return count;

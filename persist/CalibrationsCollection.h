@@ -34,7 +34,7 @@ class CCalibrationsCollection : public CObject<CCalibrationsCollection>,
   static const tagREFString m_ObjectName;
 
   CCalibrationsCollection() = default;
-  ~CCalibrationsCollection() override;
+  ~CCalibrationsCollection();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   // The one mutex, behind CollectionLock/CollectionUnlock.

@@ -126,7 +126,8 @@ class IParametersImpl : public I {
   IParametersImpl() = default;
   IParametersImpl(const IParametersImpl&) = delete;
   IParametersImpl& operator=(const IParametersImpl&) = delete;
-  virtual ~IParametersImpl() {
+  // Not virtual, as the object's own destructor (see CObject).
+  ~IParametersImpl() {
     for (int i = 0; i < m_Count; ++i) FreeItem(m_Items[i]);
     delete[] m_Items;
   }
@@ -135,7 +136,7 @@ class IParametersImpl : public I {
 
   HRESULT get_Count(int* count) override {
     if (!count) return E_POINTER;
-    *count = m_Count;
+    *count = CountNow();
     return S_OK;
   }
 
@@ -175,17 +176,19 @@ class IParametersImpl : public I {
 
   HRESULT CollectionLock() override {
     static_cast<T*>(this)->Lock();
-    m_Locked = 1;
+    __atomic_store_n(&m_Locked, 1, __ATOMIC_RELAXED);
     return S_OK;
   }
 
   HRESULT CollectionUnlock() override {
+    // The flag is cleared after the unlock, so another thread may be setting it at the
+    // same moment: an atomic store keeps that a plain race of values, not of memory.
     static_cast<T*>(this)->Unlock();
-    m_Locked = 0;
+    __atomic_store_n(&m_Locked, 0, __ATOMIC_RELAXED);
     return S_OK;
   }
 
-  int IsCollectionLocked() override { return m_Locked; }
+  int IsCollectionLocked() override { return __atomic_load_n(&m_Locked, __ATOMIC_RELAXED); }
 
   // ------------------------------------------------------------ IParameters
 
@@ -307,7 +310,7 @@ class IParametersImpl : public I {
     CollectionLock();
     FreeItem(m_Items[index]);
     for (int i = index; i + 1 < m_Count; ++i) m_Items[i] = m_Items[i + 1];
-    --m_Count;
+    __atomic_store_n(&m_Count, m_Count - 1, __ATOMIC_RELAXED);
     m_Items[m_Count] = nullptr;
     CollectionUnlock();
     return S_OK;
@@ -319,7 +322,7 @@ class IParametersImpl : public I {
       FreeItem(m_Items[i]);
       m_Items[i] = nullptr;
     }
-    m_Count = 0;
+    __atomic_store_n(&m_Count, 0, __ATOMIC_RELAXED);
     CollectionUnlock();
     return S_OK;
   }
@@ -392,7 +395,8 @@ class IParametersImpl : public I {
     PARAMETEROBJECT* entry = new PARAMETEROBJECT{name, WrapValue(item, true), descriptor, flags};
     if (name) name->AddRef();
     if (descriptor) descriptor->AddRef();
-    m_Items[m_Count++] = entry;
+    m_Items[m_Count] = entry;
+    __atomic_store_n(&m_Count, m_Count + 1, __ATOMIC_RELAXED);
     return S_OK;
   }
 
@@ -543,7 +547,11 @@ class IParametersImpl : public I {
   int m_Locked = 0;
 
  protected:
-  bool ValidIndex(int index) const { return index >= 0 && index < m_Count; }
+  // The count as read outside the lock (get_Count and the index tests that come before
+  // it): every change of m_Count is an atomic store under the lock, so such a read sees
+  // one value or the other, never a torn one.
+  int CountNow() const { return __atomic_load_n(&m_Count, __ATOMIC_RELAXED); }
+  bool ValidIndex(int index) const { return index >= 0 && index < CountNow(); }
 
   // Parts of the stream forms that a host collection reuses (ParametersXml.h and
   // ParametersFolder.h).

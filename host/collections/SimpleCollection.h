@@ -11,7 +11,7 @@ class CSimpleCollection : public CObject<CSimpleCollection>,
  public:
   ZELTRIM_OBJECT_REFCOUNT
   static const tagREFString m_ObjectName;
-  ~CSimpleCollection() override;
+  ~CSimpleCollection();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   HRESULT get_Count(int* count) override;

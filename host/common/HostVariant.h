@@ -8,7 +8,7 @@ class CHostVariant : public CObject<CHostVariant>, public IVariant, public IObje
  public:
   ZELTRIM_OBJECT_REFCOUNT
   static const tagREFString m_ObjectName;
-  ~CHostVariant() override;
+  ~CHostVariant();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   // VARIANT_INTEGER or VARIANT_DOUBLE for numbers; VARIANT_OBJECT for everything else

@@ -1,5 +1,7 @@
 #include "host/common/PeerModule.h"
 
+#include <mutex>
+
 #define ZELTRIM_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace {
@@ -14,6 +16,13 @@ SmartPtr<IComponentCollection>& PeerGlobal() {
   return global;
 }
 
+// Guards PeerGlobal: a module is initialised again by every loader call, and objects of
+// one module may be created from several threads at once.
+std::mutex& PeerGlobalMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
 }  // namespace
 
 PeerRegistrar::PeerRegistrar(PeerObject* row) {
@@ -21,12 +30,15 @@ PeerRegistrar::PeerRegistrar(PeerObject* row) {
   PeerTable() = row;
 }
 
-IComponentCollection* PeerGlobalComponents() { return PeerGlobal().get(); }
+IComponentCollection* PeerGlobalComponents() {
+  std::lock_guard<std::mutex> hold(PeerGlobalMutex());
+  return PeerGlobal().get();
+}
 
 HRESULT PeerCreateObject(const wchar_t* name, const IID& iid, void** object) {
   if (!object) return E_POINTER;
   *object = nullptr;
-  IComponentCollection* global = PeerGlobal().get();
+  IComponentCollection* global = PeerGlobalComponents();
   if (!global || !name) return E_FAIL;
   return global->CreateComponent(static_cast<int>(std::wcslen(name)), name, &iid, object);
 }
@@ -45,6 +57,7 @@ ZELTRIM_EXPORT HRESULT CreateFunction(tagREFString name, void** creator) {
 }
 
 ZELTRIM_EXPORT HRESULT InitializeModule(void*, IComponentCollection* components) {
-  PeerGlobal() = components;
+  std::lock_guard<std::mutex> hold(PeerGlobalMutex());
+  if (PeerGlobal().get() != components) PeerGlobal() = components;
   return 0;
 }

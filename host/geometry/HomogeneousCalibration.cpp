@@ -22,7 +22,7 @@ class CHomogeneousCalibration : public CObject<CHomogeneousCalibration>,
       throw;
     }
   }
-  ~CHomogeneousCalibration() override {
+  ~CHomogeneousCalibration() {
     m_Forward->Release();
     m_Reverse->Release();
   }

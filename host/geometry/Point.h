@@ -36,7 +36,7 @@ class CPointsCollection : public CObject<CPointsCollection>,
  public:
   ZELTRIM_OBJECT_REFCOUNT
   static const tagREFString m_ObjectName;
-  ~CPointsCollection() override;
+  ~CPointsCollection();
   HRESULT QueryInterface(const IID& iid, void** object) override;
 
   HRESULT get_Count(int* count) override;
