@@ -300,7 +300,12 @@ HRESULT CFolderStream::WriteString(IString* name, IString* value) {
 HRESULT CFolderStream::WriteObject(IString* name, IUnknown* object, int options) {
   if (!object) return E_POINTER;
   SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(object);
-  if (!persist) return E_INVALIDARG;
+  if (!persist) {
+    // A string held as an object (a text member of a parameter collection) has no stream
+    // form of its own: it is kept as a string key, which ReadString gives back.
+    if (SmartPtr<IString> text = QueryAs<IString>(object)) return WriteString(name, text);
+    return E_INVALIDARG;
+  }
   CFolderStream* child = NewChild();
   if (!child) return E_FAIL;
   SmartPtr<CFolderStream> holder;
@@ -407,6 +412,13 @@ HRESULT CFolderStream::ReadObject(IString* name, void** out, int options) {
   const int index = Find(name);
   if (index < 0) return E_FAIL;
   const Entry& e = m_Entries[index];
+  if (e.type == TYPE_STRING && !*out) {
+    // A string that WriteObject kept as a key comes back as a string object.
+    SmartPtr<ICreatableString> text = PeerCreate<ICreatableString>(L"CreatableString");
+    if (!text || text->SetString(static_cast<int>(e.text.size()), e.text.c_str()) < 0) return E_FAIL;
+    *out = static_cast<IUnknown*>(text.Detach());
+    return S_OK;
+  }
   if (!e.folder) return E_FAIL;
   SmartPtr<CFolderStream> content(e.folder.get());  // kept alive while the object loads
   IUnknown* existing = static_cast<IUnknown*>(*out);

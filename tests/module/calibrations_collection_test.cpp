@@ -229,6 +229,7 @@ TEST(CalibrationsCollection, BothFormsCarryMembersOfSeveralClasses) {
     ExpectNear(Converted(after, {33, 41, 0}), Converted(before, {33, 41, 0}), 1e-6);
     if (!xml) {
       EXPECT_EQ(NameAt(loaded, 3), L"Note");
+      EXPECT_EQ(Text(QueryAs<IString>(ItemAt(loaded, 3))), L"kept in folders");
     }
     std::remove(path.c_str());
   }
