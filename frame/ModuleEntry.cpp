@@ -17,6 +17,8 @@
 #include "geometry/TransformBestFit.h"
 #include "geometry/TransformInterrogate.h"
 #include "geometry/TransformResidualErrors.h"
+#include "pages/CalibrationInfoPropPage.h"
+#include "pages/CalibrationMatrixPropPage.h"
 #include "persist/CalibrationsCollection.h"
 
 #define ZELTRIM_EXPORT extern "C" __attribute__((visibility("default")))

@@ -16,8 +16,8 @@
   BUILT(CalibrationDistortionRadial, CCalibrationDistortionRadial) \
   BUILT(CalibrationFitAndFilter, CCalibrationFitAndFilter) \
   BUILT(CalibrationFisheye, CCalibrationFisheye)          \
-  NOT_BUILT(CalibrationInfoPropPage)                      \
-  NOT_BUILT(CalibrationMatrixPropPage)                    \
+  BUILT(CalibrationInfoPropPage, CCalibrationInfoPropPage) \
+  BUILT(CalibrationMatrixPropPage, CCalibrationMatrixPropPage) \
   BUILT(CalibrationPolynomial, CCalibrationPolynomial)    \
   BUILT(CalibrationsCollection, CCalibrationsCollection) \
   BUILT(Camera3DCalibration, CCamera3DCalibration)        \
