@@ -362,24 +362,29 @@ ZELTRIM_INTERFACE_END
 
 // ---------------------------------------------------------------- user interface
 
+// The host's canvas; its definition is the host's (host/ui/canvas/Canvas.h). The module
+// only passes the pointer along.
 struct UbuntuCanvas;
 struct CANVASRect {
   int x, y, width, height;
 };
 typedef CANVASRect CCANVASRect;
 
+// A grid of cell objects addressed (column, row, layer).
 ZELTRIM_INTERFACE(IUIGrid, IUnknown)
-  virtual HRESULT get_Cell(int column, int row, int, IUnknown** item) = 0;
-  virtual HRESULT put_Cell(int column, int row, int, IUnknown* item) = 0;
+  virtual HRESULT get_Cell(int column, int row, int layer, IUnknown** item) = 0;
+  virtual HRESULT put_Cell(int column, int row, int layer, IUnknown* item) = 0;
   virtual HRESULT get_Size(int* columns, int* rows) = 0;
   virtual HRESULT Clear() = 0;
   virtual HRESULT get_RowHeight(int, int* height) = 0;
   virtual HRESULT put_RowHeight(int, int height) = 0;
   virtual HRESULT get_Option(int code, int* value) = 0;
-  virtual HRESULT Reserved_IUG1() = 0;
+  // Host operation: the number of layers.
+  virtual HRESULT get_LayerCount(int* layers) = 0;
   virtual HRESULT put_Option(int code, int value) = 0;
-  virtual HRESULT Reserved_IUG2() = 0;
-  virtual HRESULT put_Size(int columns, int rows, int) = 0;
+  // Host operation: where a cell lies when the grid is rendered into `grid`.
+  virtual HRESULT get_CellRect(const CANVASRect* grid, int column, int row, CANVASRect* cell) = 0;
+  virtual HRESULT put_Size(int columns, int rows, int layers) = 0;
 ZELTRIM_INTERFACE_END
 
 ZELTRIM_INTERFACE(IUIPropertyPageCollection, IUnknown)
@@ -406,9 +411,16 @@ ZELTRIM_INTERFACE(IPMText, IUnknown)
 ZELTRIM_INTERFACE_END
 
 #define ZELTRIM_RESERVED_SLOT(n) virtual HRESULT Reserved_IPMRS##n() = 0;
+// A text style. The first six slots are the host's: font size in pixels, colour as
+// 0xRRGGBB, bold (0 or 1); the other 28 before CopyStyle answer E_NOTIMPL.
 ZELTRIM_INTERFACE(IPMRenderStyle, IUnknown)
-  ZELTRIM_RESERVED_SLOT(0) ZELTRIM_RESERVED_SLOT(1) ZELTRIM_RESERVED_SLOT(2) ZELTRIM_RESERVED_SLOT(3)
-  ZELTRIM_RESERVED_SLOT(4) ZELTRIM_RESERVED_SLOT(5) ZELTRIM_RESERVED_SLOT(6) ZELTRIM_RESERVED_SLOT(7)
+  virtual HRESULT get_FontSize(int* pixels) = 0;
+  virtual HRESULT put_FontSize(int pixels) = 0;
+  virtual HRESULT get_Colour(unsigned int* rgb) = 0;
+  virtual HRESULT put_Colour(unsigned int rgb) = 0;
+  virtual HRESULT get_Bold(int* bold) = 0;
+  virtual HRESULT put_Bold(int bold) = 0;
+  ZELTRIM_RESERVED_SLOT(6) ZELTRIM_RESERVED_SLOT(7)
   ZELTRIM_RESERVED_SLOT(8) ZELTRIM_RESERVED_SLOT(9) ZELTRIM_RESERVED_SLOT(10) ZELTRIM_RESERVED_SLOT(11)
   ZELTRIM_RESERVED_SLOT(12) ZELTRIM_RESERVED_SLOT(13) ZELTRIM_RESERVED_SLOT(14) ZELTRIM_RESERVED_SLOT(15)
   ZELTRIM_RESERVED_SLOT(16) ZELTRIM_RESERVED_SLOT(17) ZELTRIM_RESERVED_SLOT(18) ZELTRIM_RESERVED_SLOT(19)
@@ -450,6 +462,19 @@ ZELTRIM_INTERFACE(IUIPropertyPage, IUnknown)
   virtual HRESULT GetHelp(IString** text) = 0;
   virtual HRESULT Cancel() = 0;
   virtual HRESULT GetTitle(IString** text) = 0;
+ZELTRIM_INTERFACE_END
+
+// Refusal of a change to a read-only entry.
+constexpr HRESULT E_ACCESSDENIED = static_cast<HRESULT>(0x80070005u);
+
+// Host interface of "UIParametersSlidePropPage": the entries of the list it shows, by name
+// (compared as the list's get_Index compares). Lengths are in characters.
+ZELTRIM_INTERFACE(IUIParametersSlideEdit, IUnknown)
+  // The entry's value as text; E_FAIL for an unknown name or a page without a list.
+  virtual HRESULT GetValue(int nameLength, const wchar_t* name, IString** value) = 0;
+  // Stores the text as the entry's value and sets bit 0 of the page state. A read-only
+  // entry (flag 0x40000) gives E_ACCESSDENIED, an unknown name E_FAIL; nothing changes.
+  virtual HRESULT SetValue(int nameLength, const wchar_t* name, int textLength, const wchar_t* text) = 0;
 ZELTRIM_INTERFACE_END
 
 ZELTRIM_INTERFACE(_IUIParamEditNotification, IUnknown)

@@ -43,6 +43,9 @@ const ComponentRow kComponentTable[] = {
     {L"UIGrid", L"UserInterface"},
     {L"PMText", L"UserInterface"},
     {L"UIParametersSlidePropPage", L"UserInterface"},
+    {L"UIPropertyPageCollection", L"UserInterface"},
+    {L"UIParamEdit", L"UserInterface"},
+    {L"PMRenderStyle", L"UserInterface"},
     // The calibration module's own objects, from its table, whether built or not: a name
     // whose class is missing fails when its module is asked for it.
     ZELTRIM_MODULE_OBJECTS(ZELTRIM_COMPONENT_BUILT_, ZELTRIM_COMPONENT_NOT_BUILT_)

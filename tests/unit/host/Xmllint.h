@@ -11,6 +11,15 @@
 
 inline bool HaveXmllint() { return std::system("xmllint --version >/dev/null 2>&1") == 0; }
 
+// xmllint's verdict on bytes as they stand (a UTF-8 document, say).
+inline bool XmllintAcceptsBytes(const std::string& bytes) {
+  const std::string path = "./xmllint_judge_" + std::to_string(getpid()) + ".xml";
+  std::ofstream(path, std::ios::binary) << bytes;
+  const bool ok = std::system(("xmllint --noout " + path + " 2>/dev/null").c_str()) == 0;
+  std::remove(path.c_str());
+  return ok;
+}
+
 // xmllint's verdict on a text written as 16-bit little-endian text after a byte order mark
 // (the text's own leading U+FEFF serves as that mark).
 inline bool XmllintAccepts(const std::wstring& text) {
