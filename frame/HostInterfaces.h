@@ -388,8 +388,10 @@ ZELTRIM_INTERFACE(IUIGrid, IUnknown)
 ZELTRIM_INTERFACE_END
 
 ZELTRIM_INTERFACE(IUIPropertyPageCollection, IUnknown)
-  virtual HRESULT Reserved_IUPC0() = 0;
-  virtual HRESULT Reserved_IUPC1() = 0;
+  // Host operations: the page that was last initialised with this collection as its host
+  // (a page the frame shows and routes edits to). put_ keeps a reference; null forgets.
+  virtual HRESULT put_ShownPage(IUnknown* page) = 0;
+  virtual HRESULT get_ShownPage(IUnknown** page) = 0;
   virtual HRESULT Reserved_IUPC2() = 0;
   virtual HRESULT Reserved_IUPC3() = 0;
   virtual HRESULT Reserved_IUPC4() = 0;

@@ -5,7 +5,7 @@
 #include "frame/StringRefs.h"
 #include "persist/DateTimer.h"
 
-const tagREFString CCalibrationInfoPropPage::m_ObjectName = {31, L"Zeltrim.CalibrationInfoPropPage"};
+const tagREFString CCalibrationInfoPropPage::m_ObjectName = {23, L"CalibrationInfoPropPage"};
 
 namespace {
 

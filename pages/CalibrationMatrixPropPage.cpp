@@ -4,7 +4,7 @@
 
 #include "frame/Components.h"
 
-const tagREFString CCalibrationMatrixPropPage::m_ObjectName = {33, L"Zeltrim.CalibrationMatrixPropPage"};
+const tagREFString CCalibrationMatrixPropPage::m_ObjectName = {25, L"CalibrationMatrixPropPage"};
 
 namespace {
 

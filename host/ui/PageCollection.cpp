@@ -82,8 +82,18 @@ class CUIPropertyPageCollection : public CObject<CUIPropertyPageCollection>,
     return E_NOINTERFACE;
   }
 
-  HRESULT Reserved_IUPC0() override { return E_NOTIMPL; }
-  HRESULT Reserved_IUPC1() override { return E_NOTIMPL; }
+  HRESULT put_ShownPage(IUnknown* page) override {
+    m_Shown = page;
+    return S_OK;
+  }
+  // E_FAIL when no page has been shown.
+  HRESULT get_ShownPage(IUnknown** page) override {
+    if (!page) return E_POINTER;
+    *page = m_Shown.get();
+    if (!*page) return E_FAIL;
+    (*page)->AddRef();
+    return S_OK;
+  }
   HRESULT Reserved_IUPC2() override { return E_NOTIMPL; }
   HRESULT Reserved_IUPC3() override { return E_NOTIMPL; }
   HRESULT Reserved_IUPC4() override { return E_NOTIMPL; }
@@ -108,6 +118,7 @@ class CUIPropertyPageCollection : public CObject<CUIPropertyPageCollection>,
 
  private:
   SmartPtr<IUnknown> m_Editor;
+  SmartPtr<IUnknown> m_Shown;
 };
 
 ZELTRIM_PEER_OBJECT(L"UIPropertyPageCollection", CUIPropertyPageCollection);

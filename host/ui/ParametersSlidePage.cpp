@@ -106,6 +106,8 @@ class CUIParametersSlidePropPage : public CObject<CUIParametersSlidePropPage>,
       m_HasTitle = true;
     }
     if (SmartPtr<IUIPropertyPageCollection> pages = QueryAs<IUIPropertyPageCollection>(host)) {
+      // The frame routes edits to the page it shows: this one, now.
+      pages->put_ShownPage(static_cast<IUIPropertyPage*>(this));
       SmartPtr<IUnknown> editor;
       int height = 0;
       if (pages->GetInfo(kDefaultEditorInfo, editor.Out(), &height) >= 0) {

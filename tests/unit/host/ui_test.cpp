@@ -461,6 +461,7 @@ TEST(UIParametersSlidePropPage, ReleasesWhatItHolds) {
   // Released while open, it lets go too.
   page->Initialize(info.objects, nullptr, 3, nullptr);
   Set(page, L"Units", L"m");
+  pages.Clear();  // the frame keeps the page it showed last
   page.Clear();
   EXPECT_EQ(RefCount(info.list), listCount);
   EXPECT_EQ(RefCount(info.objects), objectsCount);
