@@ -549,6 +549,25 @@ check lens-polynomial-one-file 2 "needs a SOURCE and a TARGET" -- "$zeltrim" len
 check lens-polynomial-missing-file 2 "cannot read" -- "$zeltrim" lens polynomial nowhere.txt grid-dst.txt --grid 4x3
 check lens-unknown-kind 2 "unknown lens kind 'bogus'" -- "$zeltrim" lens bogus
 
+# Property pages of the translation fitted above (out.tCAL): the info block, edited as a
+# frame edits it, and the forward matrix (points are rows, so the shift is the last row).
+check pages-info 0 "Type: Best Fit" -- "$zeltrim" pages out.tCAL
+check pages-edit 0 "Units: mm" -- "$zeltrim" pages out.tCAL --set Name=Belt --set Units=mm --save edited.tCAL
+check pages-edit-saved-name 0 "Name: Belt" -- "$zeltrim" pages edited.tCAL
+check pages-edit-saved-units 0 "Units: mm" -- "$zeltrim" pages edited.tCAL
+check pages-edit-xml-warns 0 "keeps only the name" -- "$zeltrim" pages out.tCAL --set Units=mm --save edited.xml
+check pages-matrix-shift 0 "   20.000000" -- "$zeltrim" pages out.tCAL --page matrix --svg matrix.svg
+if [ "$("$zeltrim" pages out.tCAL --page matrix | sed -n '13p;14p' | tr '\n' '|')" = "   10.000000|   20.000000|" ] &&
+   grep -qF ">   10.000000</text>" matrix.svg; then echo "ok   pages-matrix-last-row"; passed=$((passed + 1))
+else echo "FAIL pages-matrix-last-row"; failed=$((failed + 1)); fi
+if ! command -v xmllint >/dev/null || xmllint --noout matrix.svg; then echo "ok   pages-svg-well-formed"; passed=$((passed + 1))
+else echo "FAIL pages-svg-well-formed"; failed=$((failed + 1)); fi
+check pages-read-only 2 "entry Device is read-only" -- "$zeltrim" pages out.tCAL --set Device=other
+check pages-unknown-entry 2 "no entry Bogus on the info page" -- "$zeltrim" pages out.tCAL --set Bogus=1
+check pages-unknown-page 2 "unknown page bogus" -- "$zeltrim" pages out.tCAL --page bogus
+check pages-not-a-calibration 2 "cannot load" -- "$zeltrim" pages src.txt
+check pages-matrix-no-edit 2 "--set edits the info page only" -- "$zeltrim" pages out.tCAL --page matrix --set Name=x
+
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.
 bin_dir=$(dirname "$zeltrim")

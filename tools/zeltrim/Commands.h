@@ -27,6 +27,7 @@ int RunDecompose(CommandContext& context);
 int RunTriangulate(CommandContext& context);
 int RunStereo(CommandContext& context);
 int RunConvert(CommandContext& context);
+int RunPages(CommandContext& context);
 // `lens KIND`: CommandLens.cpp picks the kind's Run function (CommandLens*.cpp) by name.
 int RunLens(CommandContext& context);
 int RunLensRadial(CommandContext& context);
@@ -38,6 +39,7 @@ extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
 extern const char* const kFitHelp;
 extern const char* const kShowHelp;
+extern const char* const kPagesHelp;
 extern const char* const kCalibrateHelp;
 extern const char* const kResectHelp;
 extern const char* const kProjectHelp;

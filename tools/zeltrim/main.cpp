@@ -29,6 +29,7 @@ const char* const kUsage =
     "  stereo    relative pose, epipoles, F and E of a camera pair, or F from point pairs\n"
     "  convert   convert or revert points with any saved plane calibration or lens model\n"
     "  lens      fit or build a lens correction: radial, fisheye, polynomial\n"
+    "  pages     show a calibration's info or matrix page (as SVG), edit its info block\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -52,6 +53,7 @@ const Command kCommands[] = {
     {"triangulate", &RunTriangulate, &kTriangulateHelp},
     {"stereo", &RunStereo, &kStereoHelp},
     {"convert", &RunConvert, &kConvertHelp},
+    {"pages", &RunPages, &kPagesHelp},
     {"lens", &RunLens, &kLensHelp, true},
 };
 
