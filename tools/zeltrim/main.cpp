@@ -29,6 +29,7 @@ const char* const kUsage =
     "  stereo    relative pose, epipoles, F and E of a camera pair, or F from point pairs\n"
     "  convert   convert or revert points with any saved plane calibration or lens model\n"
     "  lens      fit or build a lens correction: radial, fisheye, polynomial\n"
+    "  collection  keep calibrations by name in a collection file, with its active slots\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -53,6 +54,7 @@ const Command kCommands[] = {
     {"stereo", &RunStereo, &kStereoHelp},
     {"convert", &RunConvert, &kConvertHelp},
     {"lens", &RunLens, &kLensHelp, true},
+    {"collection", &RunCollection, &kCollectionHelp},
 };
 
 }  // namespace
