@@ -580,6 +580,11 @@ for form in xml tcol; do
     grep -qx 'location: Wall' <<<"$rows" && grep -qx 'alignment Ground' $col.active; then
     echo "ok   collection-$form-rename-shown"; passed=$((passed + 1))
   else echo "FAIL collection-$form-rename-shown: $rows"; failed=$((failed + 1)); fi
+  if [ $form = xml ]; then  # the saved entry itself carries the new name
+    if iconv -f UTF-16 -t UTF-8 $col | grep -q '^  <Ground>' && ! iconv -f UTF-16 -t UTF-8 $col | grep -q '<Floor>'; then
+      echo "ok   collection-xml-rename-saved"; passed=$((passed + 1))
+    else echo "FAIL collection-xml-rename-saved"; failed=$((failed + 1)); fi
+  fi
   check "collection-$form-old-name-gone" 2 "has no member Floor" -- "$zeltrim" collection $col remove Floor
   check "collection-$form-rename-onto-member" 2 "already has a member Wall" -- "$zeltrim" collection $col rename Ground wall
   check "collection-$form-remove" 0 "removed Wall" -- "$zeltrim" collection $col remove Wall
