@@ -212,6 +212,40 @@ struct CalibrationsCollectionSlots : IUnknown {
   ~CalibrationsCollectionSlots() = default;
 };
 
+// The slots by number, through any interface pointer of a collection (they are reached
+// from the one it hands out for IUnknown). The object is not a
+// CalibrationsCollectionSlots in C++'s sense (the struct only describes its table), so the
+// sanitizer's dynamic-type check, which would call the cast wrong, is off for these calls.
+enum CollectionSlot { SLOT_ACTIVE_LENS = 0, SLOT_ACTIVE_ALIGNMENT = 1, SLOT_LOCATION = 2 };
+
+__attribute__((no_sanitize("vptr"))) inline HRESULT GetCollectionSlot(IUnknown* collection, int slot,
+                                                                       ICalibration** out) {
+  void* unknown = nullptr;
+  if (!collection || collection->QueryInterface(IID_IUnknown, &unknown) < 0 || !unknown) return E_POINTER;
+  CalibrationsCollectionSlots* slots = static_cast<CalibrationsCollectionSlots*>(static_cast<IUnknown*>(unknown));
+  slots->Release();  // the caller's reference keeps the object
+  switch (slot) {
+    case SLOT_ACTIVE_LENS: return slots->get_ActiveLens(out);
+    case SLOT_ACTIVE_ALIGNMENT: return slots->get_ActiveAlignment(out);
+    case SLOT_LOCATION: return slots->get_Location(out);
+    default: return E_INVALIDARG;
+  }
+}
+
+__attribute__((no_sanitize("vptr"))) inline HRESULT PutCollectionSlot(IUnknown* collection, int slot,
+                                                                       ICalibration* calibration) {
+  void* unknown = nullptr;
+  if (!collection || collection->QueryInterface(IID_IUnknown, &unknown) < 0 || !unknown) return E_POINTER;
+  CalibrationsCollectionSlots* slots = static_cast<CalibrationsCollectionSlots*>(static_cast<IUnknown*>(unknown));
+  slots->Release();  // the caller's reference keeps the object
+  switch (slot) {
+    case SLOT_ACTIVE_LENS: return slots->put_ActiveLens(calibration);
+    case SLOT_ACTIVE_ALIGNMENT: return slots->put_ActiveAlignment(calibration);
+    case SLOT_LOCATION: return slots->put_Location(calibration);
+    default: return E_INVALIDARG;
+  }
+}
+
 ZELTRIM_INTERFACE(ICamera3DCalibration, ICreatableSimpleCollection)
   // One image point per camera, in the cameras' order; *result the 3D point they see.
   virtual HRESULT Convert(ISimpleCollection* imagePoints, IPoint** result) = 0;

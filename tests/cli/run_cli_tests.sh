@@ -567,6 +567,88 @@ check pages-unknown-entry 2 "no entry Bogus on the info page" -- "$zeltrim" page
 check pages-unknown-page 2 "unknown page bogus" -- "$zeltrim" pages out.tCAL --page bogus
 check pages-not-a-calibration 2 "cannot load" -- "$zeltrim" pages src.txt
 check pages-matrix-no-edit 2 "--set edits the info page only" -- "$zeltrim" pages out.tCAL --page matrix --set Name=x
+# collection: calibration files made above kept by name in a collection file of each form,
+# with the active slots in FILE.active beside it.
+check collection-help 0 "FILE.active" -- "$zeltrim" collection --help
+for form in xml tcol; do
+  col=station.$form
+  check "collection-$form-add-creates" 0 "added Floor (CameraLinearCalibration)" -- "$zeltrim" collection $col add Floor lin.xml
+  check "collection-$form-add-fit" 0 "added Wall (CalibrationBestFit)" -- "$zeltrim" collection $col add Wall out.tCAL
+  check "collection-$form-add-radial" 0 "added Lens (CalibrationDistortionRadial)" -- "$zeltrim" collection $col add Lens bent.tRad
+  check "collection-$form-add-camera" 0 "added Camera (Camera3DTrinsic)" -- "$zeltrim" collection $col add Camera cam.tCAL
+  # Sorted by name; lin.xml was saved as "Bench", and the member is named by its entry.
+  rows=$("$zeltrim" collection $col list 2>&1 | awk 'NR > 1 { print $1, $2 }')
+  if [ "$rows" = $'Camera Camera3DTrinsic\nFloor CameraLinearCalibration\nLens CalibrationDistortionRadial\nWall CalibrationBestFit' ]; then
+    echo "ok   collection-$form-list"; passed=$((passed + 1))
+  else echo "FAIL collection-$form-list: $rows"; failed=$((failed + 1)); fi
+  check "collection-$form-list-type" 0 "Radial Distortion" -- "$zeltrim" collection $col list
+  check "collection-$form-duplicate" 2 "already has a member Floor" -- "$zeltrim" collection $col add floor lin.tLin
+  check "collection-$form-activate-lens" 0 "active lens: Lens" -- "$zeltrim" collection $col activate lens Lens
+  check "collection-$form-activate-alignment" 0 "active alignment: Floor" -- "$zeltrim" collection $col activate alignment Floor
+  check "collection-$form-activate-location" 0 "location: Wall" -- "$zeltrim" collection $col activate location Wall
+  check "collection-$form-activate-camera" 2 "is a Camera3DTrinsic, which converts no points" -- "$zeltrim" collection $col activate lens Camera
+  if [ "$(grep -v '^#' $col.active)" = $'lens Lens\nalignment Floor\nlocation Wall' ]; then
+    echo "ok   collection-$form-side-file"; passed=$((passed + 1))
+  else echo "FAIL collection-$form-side-file"; cat $col.active; failed=$((failed + 1)); fi
+  # A rename follows into the saved entry, the name lookup and the slot holding the member.
+  check "collection-$form-rename" 0 "renamed Floor to Ground" -- "$zeltrim" collection $col rename Floor Ground
+  rows=$("$zeltrim" collection $col show 2>&1)
+  if grep -q '^Ground  *CameraLinearCalibration' <<<"$rows" && ! grep -q '^Floor' <<<"$rows" &&
+    grep -qx 'active alignment: Ground' <<<"$rows" && grep -qx 'active lens: Lens' <<<"$rows" &&
+    grep -qx 'location: Wall' <<<"$rows" && grep -qx 'alignment Ground' $col.active; then
+    echo "ok   collection-$form-rename-shown"; passed=$((passed + 1))
+  else echo "FAIL collection-$form-rename-shown: $rows"; failed=$((failed + 1)); fi
+  if [ $form = xml ]; then  # the saved entry itself carries the new name
+    if iconv -f UTF-16 -t UTF-8 $col | grep -q '^  <Ground>' && ! iconv -f UTF-16 -t UTF-8 $col | grep -q '<Floor>'; then
+      echo "ok   collection-xml-rename-saved"; passed=$((passed + 1))
+    else echo "FAIL collection-xml-rename-saved"; failed=$((failed + 1)); fi
+  fi
+  check "collection-$form-old-name-gone" 2 "has no member Floor" -- "$zeltrim" collection $col remove Floor
+  check "collection-$form-rename-onto-member" 2 "already has a member Wall" -- "$zeltrim" collection $col rename Ground wall
+  check "collection-$form-remove" 0 "removed Wall" -- "$zeltrim" collection $col remove Wall
+  rows=$("$zeltrim" collection $col show 2>&1)
+  if grep -qx 'members: 3' <<<"$rows" && ! grep -q '^Wall' <<<"$rows" && grep -qx 'location: (none)' <<<"$rows" &&
+    grep -qx 'active alignment: Ground' <<<"$rows" && ! grep -q '^location' $col.active; then
+    echo "ok   collection-$form-remove-empties-slot"; passed=$((passed + 1))
+  else echo "FAIL collection-$form-remove-empties-slot: $rows"; failed=$((failed + 1)); fi
+  "$zeltrim" collection $col remove Ground >/dev/null && "$zeltrim" collection $col remove Lens >/dev/null
+  if [ ! -e $col.active ] && [ "$("$zeltrim" collection $col list 2>&1 | awk 'NR > 1 { print $1 }')" = Camera ]; then
+    echo "ok   collection-$form-no-slots-no-side-file"; passed=$((passed + 1))
+  else echo "FAIL collection-$form-no-slots-no-side-file"; failed=$((failed + 1)); fi
+done
+check collection-time-kept 0 "" -- "$zeltrim" collection station.tcol add Wall out.tCAL
+if "$zeltrim" collection station.tcol list | awk '$1 == "Wall" { ok = $(NF - 1) ~ /^20[0-9][0-9]-[01][0-9]-[0-3][0-9]$/ } END { exit !ok }'; then
+  echo "ok   collection-tcol-calibration-time"; passed=$((passed + 1))
+else echo "FAIL collection-tcol-calibration-time"; failed=$((failed + 1)); fi
+# A side file naming a member that is gone leaves the slot empty and says so.
+printf 'location Ghost\n' >station.tcol.active
+check collection-stale-slot-note 0 "names Ghost for the slot location" -- "$zeltrim" collection station.tcol show
+check collection-stale-slot-empty 0 "location: (none)" -- "$zeltrim" collection station.tcol show
+printf 'lens Wall\nlense Wall\n' >station.tcol.active
+check collection-bad-side-file 2 "station.tcol.active line 2: unknown slot 'lense'" -- "$zeltrim" collection station.tcol list
+rm station.tcol.active
+cp station.xml station-before.xml
+check collection-xml-refuses-polynomial 2 "has no XML form that loads again" -- "$zeltrim" collection station.xml add Grid grid.tCalPoly
+if cmp -s station.xml station-before.xml; then echo "ok   collection-refused-add-keeps-file"; passed=$((passed + 1));
+else echo "FAIL collection-refused-add-keeps-file"; failed=$((failed + 1)); fi
+check collection-tcol-keeps-polynomial 0 "added Grid (CalibrationPolynomial)" -- "$zeltrim" collection station.tcol add Grid grid.tCalPoly
+check collection-of-calibration-file 2 "holds a CameraLinearCalibration, not a CalibrationsCollection" -- "$zeltrim" collection lin.xml list
+check collection-of-fit-folder 2 "holds a CalibrationBestFit, not a CalibrationsCollection" -- "$zeltrim" collection out.tCAL add X lin.xml
+check collection-junk-folder 2 "not a folder stream" -- "$zeltrim" collection junk.tCAL show
+check collection-junk-xml 2 "not well-formed XML at line 1" -- "$zeltrim" collection junk.xml list
+check collection-cut-folder 2 "truncated folder stream" -- "$zeltrim" collection cut.tCAL list
+check collection-missing 2 "cannot read it" -- "$zeltrim" collection nowhere.tcol list
+check collection-add-bad-calibration 2 "not a folder stream" -- "$zeltrim" collection fresh.tcol add A junk.tCAL
+if [ ! -e fresh.tcol ]; then echo "ok   collection-failed-add-creates-nothing"; passed=$((passed + 1));
+else echo "FAIL collection-failed-add-creates-nothing"; failed=$((failed + 1)); fi
+check collection-add-collection 2 "is a collection itself" -- "$zeltrim" collection station.xml add Nested station.tcol
+check collection-filename-name 2 "kept for the collection's own file name" -- "$zeltrim" collection station.tcol add FileName lin.xml
+check collection-unknown-verb 2 "unknown collection verb 'drop'" -- "$zeltrim" collection station.tcol drop Wall
+check collection-unknown-slot 2 "unknown slot 'focus'" -- "$zeltrim" collection station.tcol activate focus Wall
+check collection-no-member 2 "has no member Nobody" -- "$zeltrim" collection station.tcol activate lens Nobody
+check collection-no-verb 2 "needs a FILE and a verb" -- "$zeltrim" collection station.tcol
+check collection-add-arguments 2 "add needs a NAME and a CALIBRATION_FILE" -- "$zeltrim" collection station.tcol add Wall
+check collection-extension 2 "needs the extension .xml" -- "$zeltrim" collection station.dat list
 
 # An installation without the geometry peer: the module reports the missing module and
 # the command fails cleanly instead of crashing.

@@ -113,11 +113,6 @@ SmartPtr<IDataStream> XmlImage(IUnknown* object, std::vector<char>* image) {
   return QueryAs<IDataStream>(content);
 }
 
-CalibrationsCollectionSlots* Slots(IUnknown* collection) {
-  SmartPtr<IUnknown> identity = QueryAs<IUnknown>(collection);
-  return static_cast<CalibrationsCollectionSlots*>(identity.get());
-}
-
 // ---------------------------------------------------------------- naming twist
 
 TEST(CalibrationsCollection, AMemberWithCalibrationInfoIsNamedByIt) {
@@ -170,34 +165,33 @@ TEST(CalibrationsCollection, AReplacementAndAVariantHeldCalibrationTakeTheirPlac
 
 TEST(CalibrationsCollection, SlotsKeepTheirOwnReferences) {
   SmartPtr<ICalibrationsCollection> c = NewCollection();
-  CalibrationsCollectionSlots* slots = Slots(c);
   SmartPtr<ICalibration> got;
-  EXPECT_EQ(slots->get_ActiveLens(got.Out()), E_FAIL) << "empty";
-  EXPECT_EQ(slots->get_Location(nullptr), E_INVALIDARG);
+  EXPECT_EQ(GetCollectionSlot(c, SLOT_ACTIVE_LENS, got.Out()), E_FAIL) << "empty";
+  EXPECT_EQ(GetCollectionSlot(c, SLOT_LOCATION, nullptr), E_INVALIDARG);
 
   SmartPtr<ICalibration> lens = LoadedModule::Get().Create<ICalibration>(L"CalibrationBestFit");
   SmartPtr<ICalibration> outsider = LoadedModule::Get().Create<ICalibration>(L"CameraLinearCalibration");
   c->Add(Str(L"Lens"), lens, nullptr, 0);
-  ASSERT_EQ(slots->put_ActiveLens(lens), S_OK);
-  ASSERT_EQ(slots->put_ActiveAlignment(outsider), S_OK) << "no membership test";
+  ASSERT_EQ(PutCollectionSlot(c, SLOT_ACTIVE_LENS, lens), S_OK);
+  ASSERT_EQ(PutCollectionSlot(c, SLOT_ACTIVE_ALIGNMENT, outsider), S_OK) << "no membership test";
   ICalibration* const lensPointer = lens.get();
   lens.Clear();
   ASSERT_EQ(c->Remove(0), S_OK);
-  ASSERT_EQ(slots->get_ActiveLens(got.Out()), S_OK);
+  ASSERT_EQ(GetCollectionSlot(c, SLOT_ACTIVE_LENS, got.Out()), S_OK);
   EXPECT_EQ(got.get(), lensPointer) << "a removed member lives on in its slot";
   EXPECT_EQ(CalibName(got), L"Lens");
   EXPECT_EQ(RefCount(got), 2);
-  EXPECT_EQ(slots->get_ActiveAlignment(got.Out()), S_OK);
+  EXPECT_EQ(GetCollectionSlot(c, SLOT_ACTIVE_ALIGNMENT, got.Out()), S_OK);
   EXPECT_EQ(got.get(), outsider.get());
-  EXPECT_EQ(slots->get_Location(got.Out()), E_FAIL) << "the slots are separate";
+  EXPECT_EQ(GetCollectionSlot(c, SLOT_LOCATION, got.Out()), E_FAIL) << "the slots are separate";
 
   SmartPtr<IDataStream> folder = LoadedModule::Get().CreateHost<IDataStream>(L"FolderStream");
   folder->Open(nullptr, 1000, 1);
   QueryAs<IDataPersist>(c)->Save(folder, 0);
   QueryAs<IDataPersist>(c)->Load(folder, 0);
-  EXPECT_EQ(slots->get_ActiveAlignment(got.Out()), S_OK) << "a load leaves the slots alone";
-  ASSERT_EQ(slots->put_ActiveAlignment(nullptr), S_OK);
-  EXPECT_EQ(slots->get_ActiveAlignment(got.Out()), E_FAIL);
+  EXPECT_EQ(GetCollectionSlot(c, SLOT_ACTIVE_ALIGNMENT, got.Out()), S_OK) << "a load leaves the slots alone";
+  ASSERT_EQ(PutCollectionSlot(c, SLOT_ACTIVE_ALIGNMENT, nullptr), S_OK);
+  EXPECT_EQ(GetCollectionSlot(c, SLOT_ACTIVE_ALIGNMENT, got.Out()), E_FAIL);
   got.Clear();
   EXPECT_EQ(RefCount(outsider), 1) << "emptying a slot drops its reference";
 }

@@ -43,7 +43,9 @@ std::string RenderedSvg(IUnknown* page, CANVASRect rect) {
   SvgCanvas canvas(rect.x + rect.width, rect.y + rect.height);
   SmartPtr<IRenderableObject> renderable = QueryAs<IRenderableObject>(page);
   EXPECT_TRUE(renderable);
-  if (renderable) EXPECT_GE(renderable->Render(&canvas, &rect, nullptr, 0), 0);
+  if (renderable) {
+    EXPECT_GE(renderable->Render(&canvas, &rect, nullptr, 0), 0);
+  }
   return canvas.Document();
 }
 

@@ -34,6 +34,8 @@ int RunLensRadial(CommandContext& context);
 int RunLensFisheye(CommandContext& context);
 // `lens polynomial`: CommandLensPolynomial.cpp.
 int RunLensPolynomial(CommandContext& context);
+// `collection FILE VERB ...`: CommandCollection.cpp.
+int RunCollection(CommandContext& context);
 
 extern const char* const kObjectsHelp;
 extern const char* const kLinearHelp;
@@ -51,6 +53,7 @@ extern const char* const kLensHelp;
 extern const char* const kLensRadialHelp;
 extern const char* const kLensFisheyeHelp;
 extern const char* const kLensPolynomialHelp;
+extern const char* const kCollectionHelp;
 
 // What `zeltrim show` prints of a CalibrationPolynomial loaded from `path`: its grid size
 // (read from the file), order, curve kind and fit errors. False for other objects.

@@ -30,6 +30,7 @@ const char* const kUsage =
     "  convert   convert or revert points with any saved plane calibration or lens model\n"
     "  lens      fit or build a lens correction: radial, fisheye, polynomial\n"
     "  pages     show a calibration's info or matrix page (as SVG), edit its info block\n"
+    "  collection  keep calibrations by name in a collection file, with its active slots\n"
     "Run 'zeltrim <command> --help' for a command's options.\n";
 
 struct Command {
@@ -55,6 +56,7 @@ const Command kCommands[] = {
     {"convert", &RunConvert, &kConvertHelp},
     {"pages", &RunPages, &kPagesHelp},
     {"lens", &RunLens, &kLensHelp, true},
+    {"collection", &RunCollection, &kCollectionHelp},
 };
 
 }  // namespace
