@@ -88,20 +88,6 @@ void ShowMatrix(const char* title, ITransform* transform) {
 
 }  // namespace
 
-std::string LoadCalibrationFile(ModuleHost& host, const std::string& path, SmartPtr<IUnknown>* object,
-                                std::wstring* objectName) {
-  const client::FileReport found = client::CheckFile(path, std::wstring());
-  if (!found.ok) return found.problem;
-  *objectName = found.objectName;
-  if (found.objectName == kTransformClass && client::FormOfPath(path) == client::FileForm::kXML)
-    return "a Camera3DTransform's XML file holds its write-only text form";
-  void* p = nullptr;
-  if (!host.CreateRaw(found.objectName.c_str(), IID_IUnknown, &p)) return Narrow(found.objectName) + ": " + host.Error();
-  object->Attach(static_cast<IUnknown*>(p));
-  if (host.Archive(*object, path, false) < 0) return host.Error();
-  return std::string();
-}
-
 int RunShow(CommandContext& context) {
   if (context.args.size() != 1) return Fail("show needs one FILE");
   const std::string path = AbsolutePath(context.args[0], context.startDir);
