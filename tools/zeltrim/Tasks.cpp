@@ -15,6 +15,13 @@ std::string Narrow(const std::wstring& text) {
   return out;
 }
 
+std::wstring Text(IString* s) {
+  const wchar_t* p = nullptr;
+  int n = 0;
+  if (!s || s->GetString(&p, &n) < 0 || !p || n <= 0) return std::wstring();
+  return std::wstring(p, static_cast<size_t>(n));
+}
+
 std::string Hex(HRESULT hr) {
   char code[16];
   std::snprintf(code, sizeof(code), "0x%08X", static_cast<unsigned>(hr));
@@ -153,6 +160,44 @@ std::string LoadCalibrationFile(ModuleHost& host, const std::string& path, Smart
   object->Attach(static_cast<IUnknown*>(p));
   if (host.Archive(*object, path, false) < 0) return host.Error();
   return std::string();
+}
+
+std::string TransformSaveProblem(const std::string& path) {
+  if (client::FormOfPath(path) != client::FileForm::kXML) return std::string();
+  return "a Camera3DTransform's XML file would hold its write-only text form and would not load back; "
+         "use .tCAM (folder stream) or .csv (text form)";
+}
+
+std::vector<NamedValue> ReadParameters(IUnknown* object) {
+  std::vector<NamedValue> values;
+  SmartPtr<IParametricObject> parametric = QueryAs<IParametricObject>(object);
+  SmartPtr<INamedCollection> params;
+  if (!parametric || parametric->GetParameters(params.Out(), 0) < 0 || !params) return values;
+  int count = 0;
+  params->get_Count(&count);
+  for (int i = 0; i < count; ++i) {
+    NamedValue value;
+    SmartPtr<IString> name;
+    params->get_ItemName(i, name.Out());
+    value.name = Narrow(Text(name));
+    SmartPtr<IUnknown> item;
+    params->get_Item(i, item.Out());
+    if (SmartPtr<IVariant> v = QueryAs<IVariant>(item)) {
+      if (v->get_Type() == VARIANT_INTEGER) {
+        value.kind = NamedValue::kInteger;
+        value.integer = v->get_Integer();
+      } else {
+        value.number = v->get_Double();
+      }
+    } else if (SmartPtr<IString> text = QueryAs<IString>(item)) {
+      value.kind = NamedValue::kText;
+      value.text = Narrow(Text(text));
+    } else {
+      continue;
+    }
+    values.push_back(value);
+  }
+  return values;
 }
 
 double NamedParameter(ModuleHost& host, INamedCollection* params, const char* name) {

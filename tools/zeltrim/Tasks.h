@@ -26,6 +26,22 @@ SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<P
 std::string LoadCalibrationFile(ModuleHost& host, const std::string& path, SmartPtr<IUnknown>* object,
                                 std::wstring* objectName);
 
+// Why a Camera3DTransform cannot be saved to `path`, before any work: an XML name (.x...),
+// whose file the module writes but cannot read back. Empty when it can.
+std::string TransformSaveProblem(const std::string& path);
+
+// One named parameter of an IParametricObject: a whole number, a number or a text.
+struct NamedValue {
+  enum Kind { kInteger, kDouble, kText } kind = kDouble;
+  std::string name;
+  int integer = 0;
+  double number = 0;
+  std::string text;
+};
+
+// The object's named parameters in their order (none when it has no IParametricObject).
+std::vector<NamedValue> ReadParameters(IUnknown* object);
+
 // ---------------------------------------------------------------- camera calibration
 
 // "FitError k max, sd" as the calibration logs it for view k.
