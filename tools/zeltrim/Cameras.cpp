@@ -61,12 +61,6 @@ int LoadCamera(ModuleHost& host, const std::string& path, Camera* out) {
   return 0;
 }
 
-std::string TransformSaveProblem(const std::string& path) {
-  if (client::FormOfPath(path) != client::FileForm::kXML) return std::string();
-  return "a Camera3DTransform's XML file would hold its write-only text form and would not load back; "
-         "use .tCAM (folder stream) or .csv (text form)";
-}
-
 void PrintCameraMatrix(const double* p) {
   for (int r = 0; r < 3; ++r)
     std::printf("  %16.10g %16.10g %16.10g %16.10g\n", p[r], p[3 + r], p[6 + r], p[9 + r]);

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "host/client/ModuleHost.h"
+#include "tools/zeltrim/Tasks.h"
 
 struct Camera {
   SmartPtr<ICamera3DTransform> camera;  // either class
@@ -28,10 +29,6 @@ extern const wchar_t* const kTrinsicClass;    // "Camera3DTrinsic"
 // of another class or of a form the class cannot read back, or holds a zero or
 // non-finite camera matrix; 1 when the module fails).
 int LoadCamera(ModuleHost& host, const std::string& path, Camera* camera);
-
-// Why a Camera3DTransform cannot be saved to `path`, before any work: an XML name (.x...),
-// whose file the module writes but cannot read back. Empty when it can.
-std::string TransformSaveProblem(const std::string& path);
 
 // P (twelve doubles by columns) by rows, three lines, each indented by two blanks.
 void PrintCameraMatrix(const double* columns);

@@ -133,21 +133,6 @@ bool ReadFile(const std::string& path, std::vector<Point3>* points, std::string*
   return true;
 }
 
-struct ViewFigures {
-  int view = -1;
-  double max = NAN, sd = NAN;
-};
-
-// "FitError k max, sd", one line per view as the module logs them.
-std::vector<ViewFigures> ViewsFromLog(const std::vector<std::wstring>& lines) {
-  std::vector<ViewFigures> views;
-  for (const std::wstring& line : lines) {
-    ViewFigures f;
-    if (std::swscanf(line.c_str(), L"FitError %d %lf, %lf", &f.view, &f.max, &f.sd) == 3) views.push_back(f);
-  }
-  return views;
-}
-
 std::string Number(double v) {
   if (!std::isfinite(v)) return "null";
   char text[40];
@@ -176,24 +161,7 @@ std::string JsonText(const std::string& text) {
   return out + "\"";
 }
 
-struct Result {
-  double fx, fy, skew, cx, cy, k1, k2, max, sd;
-  double* intrinsic;  // 3 x 4 by columns
-  double* extrinsic;  // 4 x 4 by columns
-  double* combined;   // 3 x 4 by columns
-  std::vector<ViewFigures> views;
-};
-
-double Parameter(INamedCollection* params, ModuleHost& host, const char* name) {
-  int index = -1;
-  SmartPtr<IUnknown> item;
-  if (!params || params->get_Index(host.NewString(name), &index) < 0 || params->get_Item(index, item.Out()) < 0)
-    return NAN;
-  SmartPtr<IVariant> value = QueryAs<IVariant>(item);
-  return value ? value->get_Double() : NAN;
-}
-
-void PrintJson(const CalibrateSettings& s, const Result& r, size_t points) {
+void PrintJson(const CalibrateSettings& s, const CameraCalibration& r, size_t points) {
   std::printf("{\"source\": %s, \"image_width\": %d, \"image_height\": %d, \"points_per_view\": %zu,\n",
               JsonText(s.source).c_str(), s.width, s.height, points);
   std::printf(" \"fx\": %s, \"fy\": %s, \"skew\": %s, \"cx\": %s, \"cy\": %s,\n", Number(r.fx).c_str(),
@@ -210,7 +178,7 @@ void PrintJson(const CalibrateSettings& s, const Result& r, size_t points) {
               JsonRows(r.combined, 3, 4, 3).c_str());
 }
 
-void PrintText(const CalibrateSettings& s, const Result& r, size_t points) {
+void PrintText(const CalibrateSettings& s, const CameraCalibration& r, size_t points) {
   std::printf("Camera3DTrinsic from %zu views of %zu points, image %d x %d (%s)\n\n", s.views.size(), points, s.width,
               s.height, s.source.c_str());
   std::printf("Intrinsics (pixels)\n  fx    %12.4f\n  fy    %12.4f\n  skew  %12.4f\n  cx    %12.4f\n  cy    %12.4f\n\n",
@@ -255,49 +223,11 @@ int RunCalibrate(CommandContext& context) {
   if (s.mode == 0 && views.size() < 3) return Fail("--mode 0 needs at least 3 views");
 
   ModuleHost& host = *context.host;
-  SmartPtr<ICamera3DTrinsic> camera = host.Create<ICamera3DTrinsic>(L"Camera3DTrinsic");
-  if (!camera) return Fail("Camera3DTrinsic: " + host.Error(), 1);
-  camera->SetNormalizationImageSize(s.width, s.height);
-  SmartPtr<ISimpleCollection> modelPoints = MakeCollection(host, model);
-  SmartPtr<ISimpleCollection> image;
-  if (s.mode == 0) {
-    SmartPtr<ICreatableSimpleCollection> perView = host.CreateHost<ICreatableSimpleCollection>(L"SimpleCollection");
-    if (perView)
-      for (const std::vector<Point3>& view : views) perView->Add(MakeCollection(host, view));
-    image = perView.get();
-  } else {
-    std::vector<Point3> all;
-    for (const std::vector<Point3>& view : views) all.insert(all.end(), view.begin(), view.end());
-    image = MakeCollection(host, all);
-  }
-  if (!modelPoints || !image) return Fail("the host has no point collections", 1);
-
-  host.Log().Keep();
-  const HRESULT hr = QueryAs<ITransformBestFit>(camera)->BestFit(image, modelPoints, s.mode);
-  if (hr < 0) {
-    char code[16];
-    std::snprintf(code, sizeof(code), "0x%08X", static_cast<unsigned>(hr));
-    return Fail(std::string("the calibration failed with ") + code +
-                    (hr == E_INVALIDARG ? " (the model has no extent in X or in Y)" : " (a degenerate target or view)"),
-                1);
-  }
-
-  Result r{};
-  SmartPtr<INamedCollection> params;
-  QueryAs<IParametricObject>(camera)->GetParameters(params.Out(), 0);
-  r.fx = Parameter(params, host, "fSx");
-  r.fy = Parameter(params, host, "fSy");
-  r.skew = Parameter(params, host, "Skew");
-  r.cx = Parameter(params, host, "CenterX");
-  r.cy = Parameter(params, host, "CenterY");
-  r.k1 = Parameter(params, host, "DistortionK1(NotUsed)");
-  r.k2 = Parameter(params, host, "DistortionK2(NotUsed)");
-  double error2 = 0;
-  QueryAs<ITransformFitErrors>(camera)->GetFitErrors(&error2, &r.max, &r.sd);
-  camera->GetMatrix(1, &r.intrinsic, nullptr, nullptr);
-  camera->GetMatrix(2, &r.extrinsic, nullptr, nullptr);
-  camera->GetMatrix(0, &r.combined, nullptr, nullptr);
-  r.views = ViewsFromLog(host.Log().Take());
+  CameraCalibration r;
+  TaskError failure;
+  if (!CalibrateCamera(host, model, views, s.width, s.height, s.mode, &r, &failure))
+    return Fail(failure.message, failure.status);
+  ICamera3DTrinsic* camera = r.camera.get();
 
   if (!s.save.empty() && host.Archive(camera, s.save, true) < 0)
     return Fail("cannot save " + s.save + ": " + host.Error(), 1);

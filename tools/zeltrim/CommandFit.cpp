@@ -86,29 +86,6 @@ bool ParseSettings(const CommandContext& context, FitSettings* s, std::string* e
   return true;
 }
 
-// Determinant of a 4 x 4 matrix by elimination with partial pivoting.
-double Determinant4(const double* m) {
-  double a[16];
-  for (int i = 0; i < 16; ++i) a[i] = m[i];
-  double det = 1;
-  for (int c = 0; c < 4; ++c) {
-    int pivot = c;
-    for (int r = c + 1; r < 4; ++r)
-      if (std::fabs(a[4 * r + c]) > std::fabs(a[4 * pivot + c])) pivot = r;
-    if (a[4 * pivot + c] == 0) return 0;
-    if (pivot != c) {
-      for (int k = 0; k < 4; ++k) std::swap(a[4 * c + k], a[4 * pivot + k]);
-      det = -det;
-    }
-    det *= a[4 * c + c];
-    for (int r = c + 1; r < 4; ++r) {
-      const double f = a[4 * r + c] / a[4 * c + c];
-      for (int k = c; k < 4; ++k) a[4 * r + k] -= f * a[4 * c + k];
-    }
-  }
-  return det;
-}
-
 SmartPtr<IUnknown> Item(ISimpleCollection* c, int i) {
   SmartPtr<IUnknown> item;
   c->get_Item(i, item.Out());
@@ -139,17 +116,6 @@ bool ReadPointPairFiles(const std::string& sourcePath, const std::string& target
   *error = "the point files differ in length: " + std::to_string(source->size()) + " and " +
            std::to_string(target->size()) + " points";
   return false;
-}
-
-SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points) {
-  SmartPtr<IPointsCollection> collection;
-  void* p = nullptr;
-  const IID& iid = IID_IPointsCollection;
-  if (host.Components()->CreateComponent(16, L"PointsCollection", &iid, &p) >= 0 && p)
-    collection.Attach(static_cast<IPointsCollection*>(p));
-  if (!collection) return SmartPtr<ISimpleCollection>();
-  for (const Point3& pt : points) collection->AddPoint(pt.x, pt.y, pt.z);
-  return SmartPtr<ISimpleCollection>(collection.get());
 }
 
 int RunFit(CommandContext& context) {
@@ -201,19 +167,14 @@ int RunFit(CommandContext& context) {
     calibration->BestFit(a, b, s.method);
   }
 
+  FitFigures fit;
+  TaskError failure;
+  if (!ReadFit(calibration, &fit, &failure)) return Fail(failure.message, failure.status);
+  const double* m = fit.matrix;
+  const double mean = fit.mean, largest = fit.largest, sd = fit.sd;
   SmartPtr<ITransform> forward;
   calibration->GetForwardTransform(forward.Out());
   SmartPtr<IHomogeneousTransform> matrix = QueryAs<IHomogeneousTransform>(forward);
-  double* m = nullptr;
-  if (!matrix || matrix->GetMatrix(&m, nullptr, nullptr) < 0 || !m) return Fail("the fit gave no matrix", 1);
-  double mean = 0, largest = 0, sd = 0;
-  if (SmartPtr<ITransformFitErrors> errors = QueryAs<ITransformFitErrors>(calibration))
-    errors->GetFitErrors(&mean, &largest, &sd);
-  // A singular or non-finite matrix means the points did not determine the transform;
-  // nothing of it is printed.
-  const double det = Determinant4(m);
-  if (!std::isfinite(det) || std::fabs(det) < 1e-300 || !std::isfinite(mean + largest + sd))
-    return Fail("the fit is degenerate (the points do not determine the transform)", 1);
 
   std::printf("forward matrix (a point is the row [x y z 1] times the matrix):\n");
   for (int r = 0; r < 4; ++r)

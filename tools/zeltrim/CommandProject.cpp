@@ -74,19 +74,6 @@ std::string Numbers(const double* v, int count) {
   return out;
 }
 
-// World points whose depth (the third entry of P [X Y Z 1]) is below this share of the
-// sum of its terms' sizes lie in the principal plane to rounding: they have no image.
-constexpr double kNoDepth = 1e-12;
-
-bool InPrincipalPlane(ICamera3DTransform* camera, const Point3& x) {
-  double* p = nullptr;
-  if (camera->GetMatrix(&p, nullptr, nullptr) < 0 || !p) return true;
-  const double terms[4] = {p[2] * x.x, p[5] * x.y, p[8] * x.z, p[11]};
-  const double w = terms[0] + terms[1] + terms[2] + terms[3];
-  const double size = std::fabs(terms[0]) + std::fabs(terms[1]) + std::fabs(terms[2]) + std::fabs(terms[3]);
-  return !(std::fabs(w) > kNoDepth * size);
-}
-
 bool Finite(const double* v, int count) {
   for (int i = 0; i < count; ++i)
     if (!std::isfinite(v[i])) return false;

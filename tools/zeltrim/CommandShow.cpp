@@ -56,24 +56,16 @@ void ShowInfo(ICalibrationInfo* info) {
 }
 
 void ShowParameters(IParametricObject* parametric) {
-  SmartPtr<INamedCollection> params;
-  if (parametric->GetParameters(params.Out(), 0) < 0 || !params) return;
-  int count = 0;
-  params->get_Count(&count);
+  const std::vector<NamedValue> values = ReadParameters(parametric);
+  if (values.empty()) return;
   std::printf("parameters:\n");
-  for (int i = 0; i < count; ++i) {
-    SmartPtr<IString> name;
-    params->get_ItemName(i, name.Out());
-    SmartPtr<IUnknown> item;
-    params->get_Item(i, item.Out());
-    if (SmartPtr<IVariant> v = QueryAs<IVariant>(item)) {
-      if (v->get_Type() == VARIANT_INTEGER)
-        std::printf("  %-16s %d\n", Narrow(Text(name)).c_str(), v->get_Integer());
-      else
-        std::printf("  %-16s %.10g\n", Narrow(Text(name)).c_str(), v->get_Double());
-    } else if (SmartPtr<IString> text = QueryAs<IString>(item)) {
-      std::printf("  %-16s %s\n", Narrow(Text(name)).c_str(), Narrow(Text(text)).c_str());
-    }
+  for (const NamedValue& v : values) {
+    if (v.kind == NamedValue::kInteger)
+      std::printf("  %-16s %d\n", v.name.c_str(), v.integer);
+    else if (v.kind == NamedValue::kDouble)
+      std::printf("  %-16s %.10g\n", v.name.c_str(), v.number);
+    else
+      std::printf("  %-16s %s\n", v.name.c_str(), v.text.c_str());
   }
 }
 
@@ -87,20 +79,6 @@ void ShowMatrix(const char* title, ITransform* transform) {
 }
 
 }  // namespace
-
-std::string LoadCalibrationFile(ModuleHost& host, const std::string& path, SmartPtr<IUnknown>* object,
-                                std::wstring* objectName) {
-  const client::FileReport found = client::CheckFile(path, std::wstring());
-  if (!found.ok) return found.problem;
-  *objectName = found.objectName;
-  if (found.objectName == kTransformClass && client::FormOfPath(path) == client::FileForm::kXML)
-    return "a Camera3DTransform's XML file holds its write-only text form";
-  void* p = nullptr;
-  if (!host.CreateRaw(found.objectName.c_str(), IID_IUnknown, &p)) return Narrow(found.objectName) + ": " + host.Error();
-  object->Attach(static_cast<IUnknown*>(p));
-  if (host.Archive(*object, path, false) < 0) return host.Error();
-  return std::string();
-}
 
 int RunShow(CommandContext& context) {
   if (context.args.size() != 1) return Fail("show needs one FILE");

@@ -58,33 +58,6 @@ SmartPtr<ICamera3DTransform> LoadCamera(ModuleHost& host, const std::string& pat
   return camera;
 }
 
-// Rays that are parallel to rounding fix no point, though the module's solve may find a
-// pivot that rounding left above its tolerance and answer with a meaningless point.
-constexpr double kParallelSine = 1e-9;
-
-// Whether two of the cameras' viewing rays of these image points cross at an angle: each
-// ray's direction is the cross product of the normals of the camera's two planes.
-bool RaysCross(const std::vector<ICamera3DTransform*>& cameras, const std::vector<Point3>& image) {
-  std::vector<std::array<double, 3>> directions;
-  for (size_t k = 0; k < cameras.size(); ++k) {
-    double planes[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-    cameras[k]->SolveMatrix(planes, image[k].x, image[k].y);
-    const double* a = planes;
-    const double* b = planes + 4;
-    directions.push_back({a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]});
-  }
-  for (size_t i = 0; i < directions.size(); ++i)
-    for (size_t j = i + 1; j < directions.size(); ++j) {
-      const std::array<double, 3>& p = directions[i];
-      const std::array<double, 3>& q = directions[j];
-      const double cross[3] = {p[1] * q[2] - p[2] * q[1], p[2] * q[0] - p[0] * q[2], p[0] * q[1] - p[1] * q[0]};
-      const double lengths = std::sqrt((p[0] * p[0] + p[1] * p[1] + p[2] * p[2]) * (q[0] * q[0] + q[1] * q[1] + q[2] * q[2]));
-      const double sine = std::sqrt(cross[0] * cross[0] + cross[1] * cross[1] + cross[2] * cross[2]);
-      if (lengths > 0 && sine > kParallelSine * lengths) return true;
-    }
-  return false;
-}
-
 std::string Format(double x, double y, double z) {
   char buffer[160];
   std::snprintf(buffer, sizeof(buffer), "%.10g %.10g %.10g", x, y, z);
@@ -147,22 +120,16 @@ int RunTriangulate(CommandContext& context) {
                   std::to_string(files.size()) + " cameras), got " + std::to_string(values.size()));
     std::vector<Point3> image(files.size());
     for (size_t k = 0; k < files.size(); ++k) image[k].x = values[2 * k], image[k].y = values[2 * k + 1];
-    SmartPtr<ISimpleCollection> points = MakeCollection(host, image);
-    if (!points) return Fail("the host has no point collections", 1);
-    SmartPtr<IPoint> point;
-    const HRESULT hr = cameras->Convert(points, point.Out());
-    // On E_FAIL the module still hands out a point: the last image point, not a solution.
-    if (hr == E_FAIL || (hr >= 0 && !RaysCross(rays, image))) {
+    double world[3] = {0, 0, 0};
+    TaskError failure;
+    const Triangulated result = TriangulatePoint(host, cameras, rays, image, world, &failure);
+    if (result == Triangulated::kDegenerate) {
       std::printf("degenerate (line %d)\n", number);
       ++degenerate;
       continue;
     }
-    double x = 0, y = 0, z = 0;
-    if (hr < 0 || !point || point->GetXYZ(&x, &y, &z) < 0) {
-      char code[16];
-      std::snprintf(code, sizeof(code), "0x%08X", static_cast<unsigned>(hr));
-      return Fail("line " + std::to_string(number) + ": the module could not triangulate (result " + code + ")", 1);
-    }
+    if (result == Triangulated::kFailed) return Fail("line " + std::to_string(number) + ": " + failure.message, failure.status);
+    const double x = world[0], y = world[1], z = world[2];
     std::printf("%s\n", Format(x, y, z).c_str());
   }
   if (in.bad()) return Fail("cannot read the points", 2);

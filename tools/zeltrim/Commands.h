@@ -7,6 +7,7 @@
 
 #include "host/client/ModuleHost.h"
 #include "tools/zeltrim/PointText.h"
+#include "tools/zeltrim/Tasks.h"
 
 struct CommandContext {
   ModuleHost* host;
@@ -63,18 +64,10 @@ void ShowCameraPlane(IUnknown* object);
 extern const char* const kTriangulateHelp;
 extern const char* const kStereoHelp;
 
-// A host "PointsCollection" holding the points (null when the host has none).
-SmartPtr<ISimpleCollection> MakeCollection(ModuleHost& host, const std::vector<Point3>& points);
-
 // Reads a point file ('#' and blank lines skipped; `numbers` as for ReadPoints); folders
 // and devices are named as what they are, and a file without points is refused here
 // rather than compared by length with another.
 bool ReadPointFile(const std::string& path, std::vector<Point3>* points, std::string* error, int numbers = 0);
-
-// Loads any calibration file of the module into a new object of the class it names;
-// an empty text when it worked, else what is wrong (one line, without the path).
-std::string LoadCalibrationFile(ModuleHost& host, const std::string& path, SmartPtr<IUnknown>* object,
-                                std::wstring* objectName);
 
 // Reads two point files whose lines pair up; files of different lengths are refused with
 // "the point files differ in length: A and B points".
