@@ -202,6 +202,7 @@ SmartPtr<IHomogeneousTransform> HandSetTransform() {
   m[0] = 1.5;
   m[1] = -2.25;
   m[5] = 1234.5;
+  m[6] = 12345.5;  // fills the field: only the sign's blank goes before it
   m[15] = 1;
   return t;
 }
@@ -216,6 +217,7 @@ TEST(CalibrationMatrixPage, PrintsEachNumberInAFieldOfTwelveWithSixDecimals) {
   EXPECT_EQ(texts[1], "   -2.250000");
   EXPECT_EQ(texts[2], "    0.000000");
   EXPECT_EQ(texts[5], " 1234.500000");
+  EXPECT_EQ(texts[6], " 12345.500000");
   EXPECT_EQ(texts[15], "    1.000000");
   EXPECT_EQ(shown.page->GetState(), 22);
   EXPECT_EQ(shown.page->Apply(nullptr), 0);
