@@ -36,7 +36,7 @@ class CUIGrid : public CObject<CUIGrid>, public IUIGrid, public IRenderableObjec
   ZELTRIM_OBJECT_REFCOUNT
   static const tagREFString m_ObjectName;
 
-  ~CUIGrid() override { ReleaseCells(); }
+  ~CUIGrid() { ReleaseCells(); }
 
   HRESULT QueryInterface(const IID& iid, void** object) override {
     if (!object) return E_POINTER;
