@@ -58,12 +58,13 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 # Installed binaries without their debugging sections.
 set(CPACK_STRIP_FILES ON)
 # The binaries need only the C and C++ runtimes (the module and the peers are loaded with
-# dlopen, not linked). dpkg-shlibdeps (dpkg-dev) works the versions out from the binaries;
-# without it, the versions a GCC 12 build on Debian 12 asks for (hypot@GLIBC_2.35,
-# GLIBCXX_3.4.29).
+# dlopen, not linked). dpkg-shlibdeps (dpkg-dev), with file(1) to pick the binaries out,
+# works the versions out; without them, the versions a GCC 12 build on Debian 12 asks for
+# (hypot@GLIBC_2.35, GLIBCXX_3.4.29).
 find_program(ZELTRIM_DPKG_SHLIBDEPS dpkg-shlibdeps)
-mark_as_advanced(ZELTRIM_DPKG_SHLIBDEPS)
-if(ZELTRIM_DPKG_SHLIBDEPS)
+find_program(ZELTRIM_FILE_COMMAND file)
+mark_as_advanced(ZELTRIM_DPKG_SHLIBDEPS ZELTRIM_FILE_COMMAND)
+if(ZELTRIM_DPKG_SHLIBDEPS AND ZELTRIM_FILE_COMMAND)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 else()
   set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.35), libgcc-s1 (>= 3.0), libstdc++6 (>= 11)")
