@@ -3,6 +3,7 @@
 #pragma once
 
 #include "frame/Conversions.h"
+#include "frame/Object.h"
 
 // A new host string holding `text`, owned by the SmartPtr.
 inline SmartPtr<IString> NewString(const wchar_t* text) {

@@ -119,7 +119,7 @@ bool ParseSettings(const CommandContext& context, CalibrateSettings* s, std::str
     return true;
   }
   if (plain.size() > 1) return *error = "calibrate takes one FOLDER (or --model FILE VIEW...)", false;
-  const std::string folder = plain.empty() ? std::string(ZELTRIM_SAMPLE_DIR) : plain[0];
+  const std::string folder = plain.empty() ? context.sampleDir : plain[0];
   s->source = folder;
   s->model = folder + "/model.txt";
   return FolderViews(folder, &s->views, error);

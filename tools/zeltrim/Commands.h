@@ -13,6 +13,7 @@ struct CommandContext {
   ModuleHost* host;
   std::vector<std::string> args;  // after the sub-command's name
   std::string startDir;           // the folder the user started in
+  std::string sampleDir;          // the bundled sample that "calibrate" runs on by default
 };
 
 int RunObjects(CommandContext& context);

@@ -1,8 +1,11 @@
 // zeltrim: a command-line host for the Zeltrim calibration module. It loads Zeltrim.so
 // exactly as a framework host does, with the reference host's peer modules beside it.
+#include <limits.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <clocale>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -59,6 +62,34 @@ const Command kCommands[] = {
     {"collection", &RunCollection, &kCollectionHelp},
 };
 
+bool IsFolder(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// `path` without "." and ".." steps when it exists, so messages name a plain folder.
+std::string Tidy(const std::string& path) {
+  char resolved[PATH_MAX];
+  return realpath(path.c_str(), resolved) ? std::string(resolved) : path;
+}
+
+// Where this zeltrim finds the module and its sample, from the folder of its own binary.
+// A build folder holds _binlinux/ beside the binary, and the sample stays in the source
+// tree. An installation has the binary in bin/, the module and the peers in their own
+// folder's _binlinux/ and the sample among the shared data, at paths relative to bin/
+// (ZELTRIM_INSTALLED_HOME, ZELTRIM_INSTALLED_SAMPLE), so that an installation works
+// wherever it is put, an unpacked package included.
+void FindLayout(std::string* home, std::string* sample) {
+  const std::string bin = ExecutableFolder();
+  if (IsFolder(bin + "/_binlinux")) {
+    *home = bin;
+    *sample = ZELTRIM_SAMPLE_DIR;
+    return;
+  }
+  *home = Tidy(bin + "/" ZELTRIM_INSTALLED_HOME);
+  *sample = Tidy(bin + "/" ZELTRIM_INSTALLED_SAMPLE);
+}
+
 }  // namespace
 
 int Fail(const std::string& message, int status) {
@@ -100,8 +131,10 @@ int main(int argc, char** argv) {
 
   // Peers are found relative to the working folder, so work from the folder that holds
   // _binlinux/ (file arguments are made absolute against startDir first).
+  std::string home;
+  FindLayout(&home, &context.sampleDir);
   ModuleHost host;
-  if (!host.Load(ExecutableFolder())) return Fail(host.Error(), 1);
+  if (!host.Load(home)) return Fail(host.Error(), 1);
   context.host = &host;
   return command->run(context);
 }
