@@ -1,12 +1,16 @@
 // Chessboard corners in photographs (see BoardDetection.h).
 #include "tools/zeltrim/BoardDetection.h"
 
+#include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #ifdef ZELTRIM_HAVE_OPENCV
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core.hpp>
+#include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #endif
@@ -92,9 +96,17 @@ BoardView DetectBoardInFile(const std::string& path, const BoardSettings& settin
 #ifdef ZELTRIM_HAVE_OPENCV
   const std::string problem = SettingsProblem(settings);
   if (!problem.empty()) return Refuse(BoardStatus::kBadSettings, problem);
+  // The reason a file cannot be opened is ours to give, in one line; the decoder's own
+  // warnings on standard error are silenced.
+  if (std::FILE* f = std::fopen(path.c_str(), "rb"))
+    std::fclose(f);
+  else
+    return Refuse(BoardStatus::kUnreadable, "cannot open " + path + ": " + std::strerror(errno));
+  static const bool quiet = (cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR), true);
+  (void)quiet;
   try {
     const cv::Mat grey = cv::imread(path, cv::IMREAD_GRAYSCALE);
-    if (grey.empty()) return Refuse(BoardStatus::kUnreadable, "cannot read " + path + " as an image");
+    if (grey.empty()) return Refuse(BoardStatus::kUnreadable, path + " is not an image this build can read");
     BoardView view = Detect(grey, settings);
     if (view.status != BoardStatus::kFound) view.problem += " in " + path;
     return view;
