@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <ostream>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <string>
@@ -61,6 +62,8 @@ struct ReferenceSet {
   const char* camera;  // left or right photographs
   int halfWindow;
 };
+
+void PrintTo(const ReferenceSet& set, std::ostream* out) { *out << set.folder; }
 
 class ReferenceSets : public testing::TestWithParam<ReferenceSet> {};
 
