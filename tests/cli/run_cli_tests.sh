@@ -225,6 +225,65 @@ check calibrate-no-folder 2 "cannot read the folder" -- "$zeltrim" calibrate now
 mkdir -p empty && cp synth/model.txt empty/
 check calibrate-no-views 2 "no viewNN.txt files" -- "$zeltrim" calibrate empty
 
+# calibrate --images: corners found in the bundled photographs. A zeltrim built without
+# OpenCV says so in one line and the rest is skipped.
+photos="$source_dir/data/opencv-images"
+out=$("$zeltrim" calibrate --images "$photos/left01.jpg" --board 9x6 2>&1)
+if grep -qF "built without OpenCV" <<<"$out"; then
+  check photos-without-opencv 2 "built without OpenCV" -- "$zeltrim" calibrate --images "$photos/left01.jpg" --board 9x6
+  echo "skip photos: zeltrim was built without OpenCV"
+else
+  intrinsics() { awk '$1 == "fx" || $1 == "fy" || $1 == "cx" || $1 == "cy" { print $1, $2 }'; }
+  same() {  # same NAME EXPECTED ACTUAL: four intrinsics lines, equal as printed
+    if [ -n "$2" ] && [ "$(wc -l <<<"$2")" -eq 4 ] && [ "$2" = "$3" ]; then echo "ok   $1"; passed=$((passed + 1))
+    else echo "FAIL $1: expected '$2', got '$3'"; failed=$((failed + 1)); fi
+  }
+  check photos-help 0 "--subpix-window N" -- "$zeltrim" calibrate --help
+  # The photographs give the figures of the point sets detected from them (11 x 11 and
+  # 7 x 7 sub-pixel windows); the pattern is quoted, so zeltrim expands it.
+  same photos-as-point-folder "$("$zeltrim" calibrate "$source_dir/data/opencv-left" | intrinsics)" \
+    "$("$zeltrim" calibrate --images "$photos/left*.jpg" --board 9x6 --points-out found | intrinsics)"
+  same photos-as-point-folder-w7 "$("$zeltrim" calibrate "$source_dir/data/opencv-left-w7" | intrinsics)" \
+    "$("$zeltrim" calibrate --images "$photos/left*.jpg" --board 9x6 --subpix-window 7 | intrinsics)"
+  # The corners written out are the reference points, line for line, to 0.01 px.
+  if [ -f found/view13.txt ] && [ ! -e found/view14.txt ] && cmp -s found/model.txt "$source_dir/data/opencv-left/model.txt" &&
+    for k in 01 02 03 04 05 06 07 08 09 10 11 12 13; do paste "found/view$k.txt" "$source_dir/data/opencv-left/view$k.txt"; done |
+      awk 'NF != 4 { bad = 1 } { dx = $1 - $3; dy = $2 - $4; if (dx * dx + dy * dy > 1e-4) bad = 1; n++ } END { exit bad || n != 702 }'; then
+    echo "ok   photos-points-out"; passed=$((passed + 1))
+  else echo "FAIL photos-points-out"; failed=$((failed + 1)); fi
+  check photos-points-out-names 0 "view10.txt $photos/left11.jpg" -- cat found/images.txt
+  # A second run with fewer photographs leaves a folder of exactly its own views.
+  check photos-points-out-again 0 "points of 3 views written" -- "$zeltrim" calibrate --images "$photos/left0[1-3].jpg" --board 9x6 --points-out found
+  check photos-points-out-reads-back 0 "Camera3DTrinsic from 3 views of 54 points" -- "$zeltrim" calibrate found
+  # Relative names and patterns start from the user's folder; a name given twice is one view.
+  mkdir -p pics && cp "$photos"/left0[1-4].jpg pics/
+  check photos-relative-pattern 0 "from 4 views" -- "$zeltrim" calibrate --images 'pics/*.jpg' pics/left01.jpg --board 9x6
+  # --square scales the model: the last corner of a 9 x 6 board of 2.5 squares.
+  "$zeltrim" calibrate --images 'pics/*.jpg' --board 9x6 --square 2.5 --points-out scaled >/dev/null 2>&1
+  check photos-square 0 "" -- test "$(tail -n 1 scaled/model.txt 2>/dev/null)" = "20 12.5"
+  printf 'P5\n640 480\n255\n' >blank.pgm && head -c $((640 * 480)) /dev/zero | tr '\0' '\377' >>blank.pgm
+  printf 'P5\n320 240\n255\n' >small.pgm && head -c $((320 * 240)) /dev/zero >>small.pgm
+  printf 'not a picture\n' >notes.jpg
+  check photos-no-board-skipped 0 "no 9x6 board in 1 of 5 photographs, skipped: blank.pgm" -- "$zeltrim" calibrate --images 'pics/*.jpg' blank.pgm --board 9x6
+  check photos-too-few 2 "found in 2 of 3 photographs (not in blank.pgm); the calibration needs at least 3" -- "$zeltrim" calibrate --images pics/left01.jpg pics/left02.jpg blank.pgm --board 9x6
+  check photos-unreadable 2 "notes.jpg is not an image this build can read" -- "$zeltrim" calibrate --images 'pics/*.jpg' notes.jpg --board 9x6
+  check photos-missing 2 "cannot open" -- "$zeltrim" calibrate --images 'pics/*.jpg' nowhere.jpg --board 9x6
+  check photos-no-match 2 "no file matches pics/*.png" -- "$zeltrim" calibrate --images 'pics/*.png' --board 9x6
+  check photos-sizes-differ 2 "the photographs must all have one size" -- "$zeltrim" calibrate --images 'pics/*.jpg' small.pgm --board 9x6
+  # A board larger than the photographed one is found nowhere: one line, exit 2.
+  out=$("$zeltrim" calibrate --images 'pics/*.jpg' --board 10x7 2>&1); status=$?
+  if [ "$status" -eq 2 ] && [ "$(wc -l <<<"$out")" -eq 1 ] && grep -qF "a 10x7 board was found in 0 of 4" <<<"$out"; then
+    echo "ok   photos-wrong-board"; passed=$((passed + 1))
+  else echo "FAIL photos-wrong-board: exit $status: $out"; failed=$((failed + 1)); fi
+  check photos-bad-board 2 "--board needs COLSxROWS" -- "$zeltrim" calibrate --images 'pics/*.jpg' --board 9
+  check photos-no-board-option 2 "--images needs --board" -- "$zeltrim" calibrate --images 'pics/*.jpg'
+  check photos-bad-window 2 "--subpix-window needs" -- "$zeltrim" calibrate --images 'pics/*.jpg' --board 9x6 --subpix-window 0
+  check photos-bad-square 2 "--square needs a positive number" -- "$zeltrim" calibrate --images 'pics/*.jpg' --board 9x6 --square 0
+  check photos-size-given 2 "--image-size does not go with --images" -- "$zeltrim" calibrate --images 'pics/*.jpg' --board 9x6 --image-size 640x480
+  check photos-board-without-images 2 "--board goes with --images" -- "$zeltrim" calibrate synth --board 9x6
+  check photos-points-out-file 2 "is not a folder" -- "$zeltrim" calibrate --images 'pics/*.jpg' --board 9x6 --points-out blank.pgm
+fi
+
 # resect, project, unproject: a camera known by hand. K = [100 0 50; 0 100 30; 0 0 1],
 # R a quarter turn about z (camera x = -world Y, camera y = world X), t = (1, 2, 10):
 # K [R | t] = [0 -100 50 600; 100 0 30 500; 0 0 1 10], which is P = [0 -10 5 60;
