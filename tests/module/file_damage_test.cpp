@@ -1,9 +1,10 @@
 // Damaged calibration files, for every object this build saves, in each file form: every
-// prefix of a saved file (sampled on long files) and seeded single-byte corruptions, loaded
-// through the host's load function and through the module's archive alone. A damaged file
-// must be refused, or, when a corruption leaves a well-formed document, load in full:
-// never half. The reference host's XML stream is what keeps the module's own load from
-// taking half a file; the host's load function refuses before the module reads anything.
+// prefix of a saved file (sampled on long files) and seeded corruptions of one byte, of
+// several scattered bytes and of short bursts, loaded through the host's load function
+// and through the module's archive alone. A damaged file must be refused, or, when a
+// corruption leaves a well-formed document, load in full: never half. The reference
+// host's XML stream is what keeps the module's own load from taking half a file; the
+// host's load function refuses before the module reads anything.
 #include <cstdio>
 #include <random>
 #include <set>
@@ -18,6 +19,7 @@ namespace {
 constexpr size_t kPrefixEdge = 64;
 constexpr size_t kRandomPrefixes = 112;
 constexpr size_t kCorruptionsPerFile = 360;
+constexpr size_t kMultiByteCorruptionsPerFile = 160;
 constexpr unsigned kSeed = 20240611;
 
 // Gives an object values unlike a new one's, through whichever interfaces it has, so that
@@ -127,16 +129,21 @@ struct Sample {
   }
 };
 
-// True when `loaded` holds everything the reference holds, except, in XML, leaf number
-// `touched` (the one a corruption is in; none when past the end) and what is rebuilt from it.
-::testing::AssertionResult FullyLoaded(const std::string& loaded, const Sample& s, size_t touched) {
+// True when `loaded` holds everything the reference holds, except, in XML, the leaves
+// numbered in `touched` (those a corruption is in; numbers past the end stand for none)
+// and what is rebuilt from them.
+::testing::AssertionResult FullyLoaded(const std::string& loaded, const Sample& s, const std::set<size_t>& touched) {
   if (s.extension != "xml")
     return loaded == s.reference ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "not all came back";
   const std::vector<Leaf> a = Leaves(XmlText(loaded)), b = Leaves(XmlText(s.reference));
   if (a.size() != b.size()) return ::testing::AssertionFailure() << "the loaded object has other elements";
-  const std::wstring source = touched < s.leaves.size() ? s.leaves[touched].name : L"";
+  const auto rebuilt = [&](const std::wstring& leaf) {
+    for (size_t t : touched)
+      if (t < s.leaves.size() && RebuiltFrom(s.name, leaf, s.leaves[t].name)) return true;
+    return false;
+  };
   for (size_t i = 0; i < a.size(); ++i)
-    if (a[i].name != b[i].name || (a[i].text != b[i].text && i != touched && !RebuiltFrom(s.name, a[i].name, source)))
+    if (a[i].name != b[i].name || (a[i].text != b[i].text && !touched.count(i) && !rebuilt(a[i].name)))
       return ::testing::AssertionFailure() << "element " << i << " did not come back";
   return ::testing::AssertionSuccess();
 }
@@ -255,7 +262,7 @@ TEST_F(DamagedFiles, ACorruptedByteIsRefusedOrTheObjectLoadsInFull) {
       const size_t at = random() % damaged.size();
       damaged[at] = static_cast<char>(damaged[at] ^ (1 + random() % 255));
       WriteBytes(path, damaged, damaged.size());
-      const size_t touched = s.LeafAt(at);
+      const std::set<size_t> touched = {s.LeafAt(at)};
       const std::string where = s.Label() + " byte " + std::to_string(at);
       // A refusal leaves the object untouched: the prefix test checks that.
       const Loads loads = Load(s, path);
@@ -270,6 +277,36 @@ TEST_F(DamagedFiles, ACorruptedByteIsRefusedOrTheObjectLoadsInFull) {
     std::remove(path.c_str());
   }
   EXPECT_GT(refused, whole);  // most corruptions break the document or the checksum
+}
+
+// Several bytes at once: scattered over the file, or a burst of neighbours overwritten (a
+// half-copied block). The same rule: refused, or loaded in full but for the leaves hit.
+TEST_F(DamagedFiles, SeveralCorruptedBytesAreRefusedOrTheObjectLoadsInFull) {
+  std::mt19937 random(kSeed + 2);
+  for (const Sample& s : *s_Samples) {
+    const std::string path = m_Path + "." + s.extension;
+    for (size_t k = 0; k < kMultiByteCorruptionsPerFile; ++k) {
+      std::string damaged = s.file;
+      std::set<size_t> touched;
+      const bool burst = k % 2 == 1;
+      const size_t count = 2 + random() % 7, start = random() % damaged.size();
+      for (size_t j = 0; j < count; ++j) {
+        const size_t at = burst ? (start + j) % damaged.size() : random() % damaged.size();
+        damaged[at] = static_cast<char>(damaged[at] ^ (1 + random() % 255));
+        touched.insert(s.LeafAt(at));
+      }
+      WriteBytes(path, damaged, damaged.size());
+      const std::string where = s.Label() + (burst ? " burst at " : " bytes from ") + std::to_string(start);
+      const Loads loads = Load(s, path);
+      if (loads.report.ok) {
+        EXPECT_TRUE(FullyLoaded(loads.checked, s, touched)) << where;
+      }
+      if (loads.plain != s.fresh) {
+        EXPECT_TRUE(FullyLoaded(loads.plain, s, touched)) << where << ": module alone";
+      }
+    }
+    std::remove(path.c_str());
+  }
 }
 
 }  // namespace
