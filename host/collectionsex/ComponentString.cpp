@@ -5,6 +5,10 @@
 #include "host/common/HostString.h"
 #include "host/common/PeerModule.h"
 
+#include <map>
+#include <mutex>
+#include <utility>
+
 ZELTRIM_PEER_OBJECT(L"ComponentString", CComponentString);
 
 const tagREFString CComponentString::m_ObjectName = {15, L"ComponentString"};
@@ -70,10 +74,20 @@ HRESULT CComponentString::CreateInstance(const IID& iid, void** object) {
 
 CREATORFUNCTION HostModuleCreator(const std::wstring& module, const std::wstring& object) {
   if (module.empty() || object.empty()) return nullptr;
+  // One creator per module and object for the life of the process: modules stay loaded and
+  // the global collection is one, so a module is initialised once, not again (from
+  // whichever thread) at every creation that finds its creator anew.
+  static std::mutex mutex;
+  static std::map<std::pair<std::wstring, std::wstring>, CREATORFUNCTION> creators;
+  std::lock_guard<std::mutex> hold(mutex);
+  const auto key = std::make_pair(module, object);
+  const auto found = creators.find(key);
+  if (found != creators.end()) return found->second;
   const tagREFString moduleName{static_cast<int32_t>(module.size()), module.c_str()};
   const tagREFString objectName{static_cast<int32_t>(object.size()), object.c_str()};
   IComponentCollection* global = CGlobalComponentCollection::Instance();
   const CREATORFUNCTION creator = ModuleCreator(ModulePath(moduleName), global, objectName);
   global->Release();
+  if (creator) creators.emplace(key, creator);
   return creator;
 }
