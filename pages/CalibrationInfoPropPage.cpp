@@ -7,22 +7,11 @@
 
 const tagREFString CCalibrationInfoPropPage::m_ObjectName = {23, L"CalibrationInfoPropPage"};
 
-namespace {
-
-template <class I>
-void Drop(I*& field) {
-  I* old = field;
-  field = nullptr;
-  if (old) old->Release();
-}
-
-}  // namespace
-
 CCalibrationInfoPropPage::~CCalibrationInfoPropPage() {
-  Drop(m_Info);
-  Drop(m_Parameters);
-  Drop(m_Collection);
-  Drop(m_SlidePage);
+  ReleaseField(m_Info);
+  ReleaseField(m_Parameters);
+  ReleaseField(m_Collection);
+  ReleaseField(m_SlidePage);
 }
 
 HRESULT CCalibrationInfoPropPage::QueryInterface(const IID& iid, void** object) {
@@ -44,7 +33,7 @@ HRESULT CCalibrationInfoPropPage::FinalConstruct() {
 }
 
 HRESULT CCalibrationInfoPropPage::Initialize(ISimpleCollection* objects, IUnknown*, int, IUnknown* host) {
-  Drop(m_Info);
+  ReleaseField(m_Info);
   int count = 0;
   if (objects && objects->get_Count(&count) >= 0) {
     for (int i = 0; i < count && !m_Info; ++i) {
@@ -53,8 +42,8 @@ HRESULT CCalibrationInfoPropPage::Initialize(ISimpleCollection* objects, IUnknow
       m_Info = QueryAs<ICalibrationInfo>(item).Detach();
     }
   }
-  Drop(m_Collection);
-  Drop(m_Parameters);
+  ReleaseField(m_Collection);
+  ReleaseField(m_Parameters);
   m_Collection = BASEObject::CreateSimpleCollection();
   m_Parameters = BASEObject::CreateParameters();
   if (!m_Collection || !m_Parameters || !m_SlidePage) return E_FAIL;
@@ -119,8 +108,8 @@ HRESULT CCalibrationInfoPropPage::Apply(IUnknown*) {
 }
 
 HRESULT CCalibrationInfoPropPage::Close() {
-  Drop(m_Collection);
-  Drop(m_Parameters);
+  ReleaseField(m_Collection);
+  ReleaseField(m_Parameters);
   return m_SlidePage ? m_SlidePage->Close() : S_OK;
 }
 

@@ -8,13 +8,6 @@ const tagREFString CCalibrationMatrixPropPage::m_ObjectName = {25, L"Calibration
 
 namespace {
 
-template <class I>
-void Drop(I*& field) {
-  I* old = field;
-  field = nullptr;
-  if (old) old->Release();
-}
-
 // The first item of `objects` that answers I, with a reference; null when none does.
 template <class I>
 I* FirstOf(ISimpleCollection* objects) {
@@ -35,13 +28,13 @@ bool SameIdentity(IUnknown* a, IUnknown* b) {
 }  // namespace
 
 CCalibrationMatrixPropPage::~CCalibrationMatrixPropPage() {
-  Drop(m_Calibration);
-  Drop(m_Transform);
-  Drop(m_Matrix);
-  Drop(m_Objects);
-  Drop(m_Grid);
-  Drop(m_Selected);
-  Drop(m_DefaultEditor);
+  ReleaseField(m_Calibration);
+  ReleaseField(m_Transform);
+  ReleaseField(m_Matrix);
+  ReleaseField(m_Objects);
+  ReleaseField(m_Grid);
+  ReleaseField(m_Selected);
+  ReleaseField(m_DefaultEditor);
 }
 
 HRESULT CCalibrationMatrixPropPage::QueryInterface(const IID& iid, void** object) {
@@ -94,21 +87,21 @@ HRESULT CCalibrationMatrixPropPage::Render(UbuntuCanvas* canvas, CANVASRect* rec
 HRESULT CCalibrationMatrixPropPage::Initialize(ISimpleCollection* objects, IUnknown*, int, IUnknown* host) {
   if (!objects) return E_FAIL;
   if (SmartPtr<IUIPropertyPageCollection> pages = QueryAs<IUIPropertyPageCollection>(host)) {
-    Drop(m_DefaultEditor);
+    ReleaseField(m_DefaultEditor);
     pages->GetInfo(6, &m_DefaultEditor, &m_LineHeight);
   }
   objects->AddRef();
-  Drop(m_Objects);
+  ReleaseField(m_Objects);
   m_Objects = objects;
 
-  Drop(m_Calibration);
-  Drop(m_Transform);
-  Drop(m_Matrix);
+  ReleaseField(m_Calibration);
+  ReleaseField(m_Transform);
+  ReleaseField(m_Matrix);
   m_Calibration = FirstOf<ICalibration>(objects);
   if (!m_Calibration) m_Transform = FirstOf<IHomogeneousTransform>(objects);
   if (!m_Calibration && !m_Transform) m_Matrix = FirstOf<IMatrix>(objects);
 
-  Drop(m_Grid);
+  ReleaseField(m_Grid);
   m_Grid = UIObject::CreateUIGrid();
   if (m_Grid) {
     m_Grid->put_RowHeight(0, m_LineHeight);
@@ -174,8 +167,8 @@ void CCalibrationMatrixPropPage::FillGrid() {
 
 HRESULT CCalibrationMatrixPropPage::Close() {
   if (m_Grid) m_Grid->Clear();
-  Drop(m_Grid);
-  Drop(m_Objects);
+  ReleaseField(m_Grid);
+  ReleaseField(m_Objects);
   return 0;
 }
 
@@ -184,7 +177,7 @@ HRESULT CCalibrationMatrixPropPage::ParamSelected(IUnknown* item) {
   if (item && m_Selected && SameIdentity(item, m_Selected)) return 0;
   if (SmartPtr<IActivatableObject> old = QueryAs<IActivatableObject>(m_Selected)) old->Activate(0);
   if (item) item->AddRef();
-  Drop(m_Selected);
+  ReleaseField(m_Selected);
   m_Selected = item;
   if (SmartPtr<IActivatableObject> now = QueryAs<IActivatableObject>(m_Selected)) now->Activate(1);
   FireRefresh();

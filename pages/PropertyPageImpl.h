@@ -4,6 +4,15 @@
 
 #include "frame/Object.h"
 
+// Releases a counted field and leaves it null (the field is cleared before the release, so
+// whatever the release sets off finds it empty).
+template <class I>
+void ReleaseField(I*& field) {
+  I* old = field;
+  field = nullptr;
+  if (old) old->Release();
+}
+
 // IUIPropertyPage with the page state and the operations a page does not offer.
 template <class T, class I>
 class IUIPropertyPageImpl : public I {

@@ -95,22 +95,10 @@ ZELTRIM_PROPERTY_CLASS(kCollection);
 
 // The object's XML form inside its element, as a file holds it, ready to be read back.
 SmartPtr<IDataStream> XmlImage(IUnknown* object, std::vector<char>* image) {
-  LoadedModule& m = LoadedModule::Get();
-  SmartPtr<IXMLStreamEx> out = m.CreateHost<IXMLStreamEx>(L"XMLStreamEx");
-  out->Attach(nullptr, 0, 0);
-  out->BeginObject(object, 0, 0);
-  EXPECT_EQ(QueryAs<IDataPersist>(object)->Save(out, 0), S_OK);
-  out->CloseTag();
-  void* data = nullptr;
-  unsigned long size = 0;
-  out->GetBuffer(&data, &size);
-  image->assign(static_cast<char*>(data), static_cast<char*>(data) + size);
-  SmartPtr<IXMLStream> in = m.CreateHost<IXMLStream>(L"XMLStream");
-  in->Attach(image->data(), static_cast<unsigned long>(image->size()), 0);
-  tagREFString tag{0, nullptr};
-  SmartPtr<IUnknown> content;
-  if (in->NextTag(&tag) < 0 || in->ReadElement(tag.m_Length, tag.m_Text, nullptr, content.Out(), 0) < 0) return {};
-  return QueryAs<IDataStream>(content);
+  HRESULT saved = E_FAIL;
+  SmartPtr<IDataStream> in = property::SavedStream(object, {.xml = true, .extension = "xml"}, &saved, image);
+  EXPECT_EQ(saved, S_OK);
+  return in;
 }
 
 // ---------------------------------------------------------------- naming twist

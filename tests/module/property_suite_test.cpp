@@ -275,37 +275,6 @@ TEST_P(EveryClass, FilesThatCannotBeReadOrWrittenAreRefused) {
   }
 }
 
-// The object's IDataPersist on a host stream, wrapped in its element as a file has it.
-SmartPtr<IDataStream> SavedStream(IUnknown* object, const Form& form, HRESULT* saved, std::vector<char>* image) {
-  LoadedModule& m = LoadedModule::Get();
-  SmartPtr<IDataPersist> persist = QueryAs<IDataPersist>(object);
-  void* data = nullptr;
-  unsigned long size = 0;
-  if (form.xml) {
-    SmartPtr<IXMLStreamEx> out = m.CreateHost<IXMLStreamEx>(L"XMLStreamEx");
-    out->Attach(nullptr, 0, 0);
-    out->BeginObject(object, 0, 0);
-    *saved = persist->Save(out, 0);
-    out->CloseTag();
-    out->GetBuffer(&data, &size);
-    image->assign(static_cast<char*>(data), static_cast<char*>(data) + size);
-    SmartPtr<IXMLStream> in = m.CreateHost<IXMLStream>(L"XMLStream");
-    in->Attach(image->data(), static_cast<unsigned long>(image->size()), 0);
-    tagREFString tag{0, nullptr};
-    SmartPtr<IUnknown> content;
-    if (in->NextTag(&tag) < 0 || in->ReadElement(tag.m_Length, tag.m_Text, nullptr, content.Out(), 0) < 0) return {};
-    return QueryAs<IDataStream>(content);
-  }
-  SmartPtr<IDataStream> out = m.CreateHost<IDataStream>(L"FolderStream");
-  out->Open(nullptr, 1000, 1);
-  *saved = persist->Save(out, 0);
-  out->GetBuffer(&data, &size);
-  image->assign(static_cast<char*>(data), static_cast<char*>(data) + size);
-  SmartPtr<IDataStream> in = m.CreateHost<IDataStream>(L"FolderStream");
-  if (in->Open(image->data(), static_cast<unsigned long>(image->size()), 0) < 0) return {};
-  return in;
-}
-
 TEST_P(EveryClass, StreamsRoundTripInEachFormAndRefuseOthers) {
   for (const Form& form : t.forms) {
     SCOPED_TRACE(form.extension);

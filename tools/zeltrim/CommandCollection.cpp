@@ -18,6 +18,7 @@
 
 #include "host/client/CalibrationFile.h"
 #include "tools/zeltrim/Commands.h"
+#include "tools/zeltrim/HostText.h"
 
 const char* const kCollectionHelp =
     "usage: zeltrim collection FILE list\n"
@@ -119,13 +120,6 @@ std::string ToUtf8(const std::wstring& text) {
   return out;
 }
 
-std::wstring Text(IString* s) {
-  const wchar_t* p = nullptr;
-  int n = 0;
-  if (!s || s->GetString(&p, &n) < 0 || !p || n <= 0) return std::wstring();
-  return std::wstring(p, static_cast<size_t>(n));
-}
-
 // What keeps a text from naming a member; empty when nothing does. "Filename" is the key
 // the collection's file form keeps for its own file name, and a load drops any member so
 // named.
@@ -174,7 +168,7 @@ class Collection {
   std::string NameAt(int index) {
     SmartPtr<IString> name;
     m_Collection->get_ItemName(index, name.Out());
-    return ToUtf8(Text(name));
+    return ToUtf8(TextOf(name));
   }
 
   SmartPtr<IUnknown> ItemAt(int index) {
@@ -214,7 +208,7 @@ class Collection {
     SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(held);
     SmartPtr<IString> name;
     if (!info || info->get_CALIBName(name.Out()) < 0) return held ? "(unnamed)" : std::string();
-    return ToUtf8(Text(name));
+    return ToUtf8(TextOf(name));
   }
 
   // Saves FILE, checks that the saved file holds every member by its name, then writes
@@ -340,7 +334,7 @@ void PrintMembers(Collection& c) {
     Row row{c.NameAt(i), c.ClassOf(i), "-", "-"};
     if (SmartPtr<ICalibrationInfo> info = QueryAs<ICalibrationInfo>(c.ItemAt(i))) {
       SmartPtr<IString> type;
-      if (info->get_CALIBType(type.Out()) >= 0 && !Text(type).empty()) row.type = ToUtf8(Text(type));
+      if (info->get_CALIBType(type.Out()) >= 0 && !TextOf(type).empty()) row.type = ToUtf8(TextOf(type));
       short day = 0, month = 0, year = 0, hour = 0, minute = 0;
       info->GetCalibrationTime(&day, &month, &year, &hour, &minute);
       char when[64];

@@ -6,6 +6,7 @@
 
 #include "host/client/CalibrationFile.h"
 #include "tools/zeltrim/Commands.h"
+#include "tools/zeltrim/HostText.h"
 
 const char* const kLocateHelp =
     "usage: zeltrim locate CAMERA_FILE --plane A,B,C,D [options] [POINT ...]\n"
@@ -65,12 +66,6 @@ bool ParseSettings(const CommandContext& context, LocateSettings* s, std::string
   if (s->camera.empty()) return *error = "locate needs a CAMERA_FILE", false;
   if (!s->planeGiven && !s->pseudoInverse) return *error = "locate needs --plane A,B,C,D", false;
   return true;
-}
-
-std::string Narrow(const std::wstring& text) {
-  std::string out;
-  for (wchar_t c : text) out += (c >= 32 && c < 127) ? static_cast<char>(c) : '?';
-  return out;
 }
 
 bool IsCameraClass(const std::wstring& name) { return name == L"Camera3DTransform" || name == L"Camera3DTrinsic"; }

@@ -8,6 +8,7 @@
 #include "host/client/CalibrationFile.h"
 #include "host/ui/canvas/SvgCanvas.h"
 #include "tools/zeltrim/Commands.h"
+#include "tools/zeltrim/HostText.h"
 
 const char* const kPagesHelp =
     "usage: zeltrim pages FILE [--page info|matrix] [--svg OUT.svg]\n"
@@ -32,20 +33,7 @@ constexpr int kPageWidth = 560;
 constexpr int kPageHeight = 200;
 const wchar_t* const kInfoEntries[] = {L"Device", L"Name", L"Type", L"Units", L"Description", L"Date"};
 
-std::string Narrow(const std::wstring& text) {
-  std::string out;
-  for (wchar_t c : text) out += (c > 0 && c < 0x80) ? static_cast<char>(c) : '?';
-  return out;
-}
-
 std::wstring Widen(const std::string& text) { return std::wstring(text.begin(), text.end()); }
-
-std::wstring TextOf(IString* text) {
-  const wchar_t* p = nullptr;
-  int n = 0;
-  if (!text || text->GetString(&p, &n) < 0 || !p || n <= 0) return std::wstring();
-  return std::wstring(p, static_cast<size_t>(n));
-}
 
 struct PagesOptions {
   std::string file, page = "info", svg, save;

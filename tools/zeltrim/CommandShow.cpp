@@ -2,6 +2,7 @@
 
 #include "host/client/CalibrationFile.h"
 #include "tools/zeltrim/Cameras.h"
+#include "tools/zeltrim/HostText.h"
 #include "tools/zeltrim/Commands.h"
 
 const char* const kShowHelp =
@@ -16,19 +17,6 @@ const char* const kShowHelp =
 
 namespace {
 
-std::string Narrow(const std::wstring& text) {
-  std::string out;
-  for (wchar_t c : text) out += (c >= 32 && c < 127) ? static_cast<char>(c) : '?';
-  return out;
-}
-
-std::wstring Text(IString* s) {
-  const wchar_t* p = nullptr;
-  int n = 0;
-  if (!s || s->GetString(&p, &n) < 0 || !p || n <= 0) return std::wstring();
-  return std::wstring(p, static_cast<size_t>(n));
-}
-
 const char* UnitName(int code) {
   static const char* const names[] = {"none", "micrometre", "millimetre", "metre", "kilometre",
                                       "thousandth of an inch", "inch", "foot"};
@@ -37,16 +25,16 @@ const char* UnitName(int code) {
 
 void ShowInfo(ICalibrationInfo* info) {
   SmartPtr<IString> s;
-  if (info->get_CALIBName(s.Out()) >= 0) std::printf("name: %s\n", Narrow(Text(s)).c_str());
-  if (info->get_CALIBType(s.Out()) >= 0) std::printf("type: %s\n", Narrow(Text(s)).c_str());
+  if (info->get_CALIBName(s.Out()) >= 0) std::printf("name: %s\n", Narrow(TextOf(s)).c_str());
+  if (info->get_CALIBType(s.Out()) >= 0) std::printf("type: %s\n", Narrow(TextOf(s)).c_str());
   SmartPtr<IUnknown> device;
   info->get_CALIBDevice(device.Out());
-  if (SmartPtr<IString> text = QueryAs<IString>(device)) std::printf("device: %s\n", Narrow(Text(text)).c_str());
-  if (info->get_CALIBDescription(s.Out()) >= 0) std::printf("description: %s\n", Narrow(Text(s)).c_str());
+  if (SmartPtr<IString> text = QueryAs<IString>(device)) std::printf("device: %s\n", Narrow(TextOf(text)).c_str());
+  if (info->get_CALIBDescription(s.Out()) >= 0) std::printf("description: %s\n", Narrow(TextOf(s)).c_str());
   int units = 0;
   info->get_CALIBUnits(&units);
   info->get_CALIBUnitsText(s.Out());
-  std::printf("units: %d (%s)%s%s\n", units, UnitName(units), s ? " " : "", s ? Narrow(Text(s)).c_str() : "");
+  std::printf("units: %d (%s)%s%s\n", units, UnitName(units), s ? " " : "", s ? Narrow(TextOf(s)).c_str() : "");
   short day = 0, month = 0, year = 0, hour = 0, minute = 0;
   info->GetCalibrationTime(&day, &month, &year, &hour, &minute);
   if (year == 0)

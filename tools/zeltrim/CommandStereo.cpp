@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "tools/zeltrim/Commands.h"
+#include "tools/zeltrim/HostText.h"
 
 const char* const kStereoHelp =
     "usage: zeltrim stereo LEFT_CAMERA RIGHT_CAMERA [--mode N]\n"
@@ -24,12 +25,6 @@ const char* const kStereoHelp =
     "             3 the baseline along x about its midpoint, -1 the cameras as loaded\n";
 
 namespace {
-
-std::string Narrow(const std::wstring& text) {
-  std::string out;
-  for (wchar_t c : text) out += (c >= 32 && c < 127) ? static_cast<char>(c) : '?';
-  return out;
-}
 
 void PrintMatrix(const char* title, const double* m, int rows, int cols) {
   std::printf("%s:\n", title);

@@ -10,6 +10,7 @@
 
 #include "host/client/CalibrationFile.h"
 #include "tools/zeltrim/Commands.h"
+#include "tools/zeltrim/HostText.h"
 
 const char* const kTriangulateHelp =
     "usage: zeltrim triangulate CAMERA_FILE... [--points FILE]\n"
@@ -27,12 +28,6 @@ const char* const kTriangulateHelp =
     "  --points FILE   read the image points from FILE instead of standard input\n";
 
 namespace {
-
-std::string Narrow(const std::wstring& text) {
-  std::string out;
-  for (wchar_t c : text) out += (c >= 32 && c < 127) ? static_cast<char>(c) : '?';
-  return out;
-}
 
 // A camera file loaded into a new object of the class it holds; an empty camera and a
 // message when the file is not a camera the collection can use. *status is 2 for a bad

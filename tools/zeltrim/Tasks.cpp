@@ -1,4 +1,5 @@
 #include "tools/zeltrim/Tasks.h"
+#include "tools/zeltrim/HostText.h"
 
 #include <array>
 #include <cmath>
@@ -8,19 +9,6 @@
 #include "host/client/CalibrationFile.h"
 
 namespace {
-
-std::string Narrow(const std::wstring& text) {
-  std::string out;
-  for (wchar_t c : text) out += (c >= 32 && c < 127) ? static_cast<char>(c) : '?';
-  return out;
-}
-
-std::wstring Text(IString* s) {
-  const wchar_t* p = nullptr;
-  int n = 0;
-  if (!s || s->GetString(&p, &n) < 0 || !p || n <= 0) return std::wstring();
-  return std::wstring(p, static_cast<size_t>(n));
-}
 
 std::string Hex(HRESULT hr) {
   char code[16];
@@ -179,7 +167,7 @@ std::vector<NamedValue> ReadParameters(IUnknown* object) {
     NamedValue value;
     SmartPtr<IString> name;
     params->get_ItemName(i, name.Out());
-    value.name = Narrow(Text(name));
+    value.name = Narrow(TextOf(name));
     SmartPtr<IUnknown> item;
     params->get_Item(i, item.Out());
     if (SmartPtr<IVariant> v = QueryAs<IVariant>(item)) {
@@ -191,7 +179,7 @@ std::vector<NamedValue> ReadParameters(IUnknown* object) {
       }
     } else if (SmartPtr<IString> text = QueryAs<IString>(item)) {
       value.kind = NamedValue::kText;
-      value.text = Narrow(Text(text));
+      value.text = Narrow(TextOf(text));
     } else {
       continue;
     }
