@@ -280,13 +280,6 @@ void Coverage(const CalibrationReportData& d, std::string& out) {
          "</section>\n";
 }
 
-double Displacement(const RadialModel& m, double du, double dv) {
-  const double r2 = (du / m.scaleX) * (du / m.scaleX) + (dv / m.scaleY) * (dv / m.scaleY);
-  double poly = 0, power = r2;
-  for (double k : m.k) poly += k * power, power *= r2;
-  return std::sqrt(du * du + dv * dv) * poly;
-}
-
 // Radial displacement in pixels against the distance from the centre in pixels, along
 // three directions: the normalisation may differ across and down, so the curves differ.
 void Distortion(const CalibrationReportData& d, std::string& out) {
@@ -320,7 +313,7 @@ void Distortion(const CalibrationReportData& d, std::string& out) {
       if (!(length > 0)) continue;
       for (int i = 0; i <= 100; ++i) {
         const double t = i / 100.0;
-        const double disp = Displacement(model, ends[kind][0] * t, ends[kind][1] * t);
+        const double disp = RadialDisplacement(model, ends[kind][0] * t, ends[kind][1] * t);
         if (!std::isfinite(disp)) continue;
         c.points.push_back({length * t, disp});
         lo = std::min(lo, disp), hi = std::max(hi, disp);
@@ -392,6 +385,13 @@ void Distortion(const CalibrationReportData& d, std::string& out) {
 }
 
 }  // namespace
+
+double RadialDisplacement(const RadialModel& m, double du, double dv) {
+  const double r2 = (du / m.scaleX) * (du / m.scaleX) + (dv / m.scaleY) * (dv / m.scaleY);
+  double poly = 0, power = r2;
+  for (double k : m.k) poly += k * power, power *= r2;
+  return std::sqrt(du * du + dv * dv) * poly;
+}
 
 double ChooseResidualScale(const CalibrationReportData& data) {
   double largest = 0;

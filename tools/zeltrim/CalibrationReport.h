@@ -66,6 +66,10 @@ struct CalibrationReportData {
   double residualScale = 0;               // magnification of the residuals; 0: chosen here
 };
 
+// How far the model moves the point at (du, dv) pixels from its centre outward, in pixels
+// (negative: inward). The distortion curve plots this against hypot(du, dv).
+double RadialDisplacement(const RadialModel& model, double du, double dv);
+
 // The magnification used when residualScale is 0: the largest residual drawn at about a
 // fifteenth of the image diagonal, rounded down to 1, 2 or 5 times a power of ten.
 double ChooseResidualScale(const CalibrationReportData& data);
