@@ -295,6 +295,26 @@ else echo "FAIL report-names-13-views"; failed=$((failed + 1)); fi
 if command -v xmllint >/dev/null; then
   check report-well-formed 0 "" -- xmllint --noout r.html
 else echo "skip report-well-formed: no xmllint"; fi
+# Each view is drawn against its own pose: the residual lines, divided by the stated
+# magnification, give back the view's logged errors (to their rounding).
+if command -v python3 >/dev/null; then
+  if python3 - r.html <<'PY'
+import math, re, sys
+page = open(sys.argv[1]).read()
+scale = float(re.search(r"Residuals per view \(&#215; ([0-9.]+)\)", page).group(1))
+figures = re.findall(r'<figure class="view".*?</figure>', page, re.S)
+for fig in figures:
+    path = re.search(r'class="res"[^>]*d="([^"]*)"', fig).group(1)
+    lengths = [math.hypot(float(a), float(b)) / scale for a, b in re.findall(r"l(\S+) ([^M]+)", path)]
+    sd, largest = (float(x) for x in re.search(r"sd ([0-9.]+) px, max ([0-9.]+) px", fig).groups())
+    rms = math.sqrt(sum(x * x for x in lengths) / (len(lengths) - 1))
+    if len(lengths) != 54 or abs(rms - sd) > 0.011 or abs(max(lengths) - largest) > 0.011:
+        sys.exit(1)
+sys.exit(len(figures) != 13)
+PY
+  then echo "ok   report-residuals-per-view"; passed=$((passed + 1))
+  else echo "FAIL report-residuals-per-view"; failed=$((failed + 1)); fi
+else echo "skip report-residuals-per-view: no python3"; fi
 # A report that cannot be written is refused in one line before any work.
 out=$("$zeltrim" calibrate --report nowhere/r.html 2>&1); status=$?
 if [ "$status" -eq 2 ] && [ "$(wc -l <<<"$out")" -eq 1 ] && grep -qF "cannot write the report" <<<"$out" && [ ! -e nowhere ]; then
