@@ -177,12 +177,15 @@ TEST(CalibrationReport, RadialDisplacementFollowsTheNormalisation) {
   EXPECT_NE(page.find("No distortion coefficients"), std::string::npos);
 }
 
-TEST(CalibrationReport, ResidualScaleAndNumbersIndependentOfLocale) {
+TEST(CalibrationReport, ResidualScaleChosenFromTheLargestResidual) {
   CalibrationReportData d = Sample();
   // Largest residual 2 px on an 800 px diagonal: 800 / 15 / 2 = 26.7, rounded down to 20.
   EXPECT_EQ(ChooseResidualScale(d), 20);
   d.views = {};
   EXPECT_EQ(ChooseResidualScale(d), 1);
+}
+
+TEST(CalibrationReport, NumbersIndependentOfLocale) {
   // A locale with a decimal comma must not reach the coordinates.
   if (!std::setlocale(LC_NUMERIC, "de_DE.UTF-8") && !std::setlocale(LC_NUMERIC, "fr_FR.UTF-8"))
     GTEST_SKIP() << "no locale with a decimal comma installed";
