@@ -458,8 +458,8 @@ int RunCalibrate(CommandContext& context) {
   if (!s.pointsOut.empty() && !s.json)
     std::printf("\npoints of %zu views written to %s\n", views.size(), s.pointsOut.c_str());
   if (!s.report.empty()) {
-    if (const int status = WriteCalibrateReport(host, r, model, views, {s.source, s.views, s.images, s.width, s.height, s.mode}, s.report))
-      return status;
+    const CalibrateReportSource from{s.source, s.views, s.images, s.width, s.height, s.mode};
+    if (const int status = WriteCalibrateReport(host, r, model, views, from, s.report)) return status;
     if (!s.json) std::printf("\nreport written to %s\n", s.report.c_str());
   }
   return 0;
