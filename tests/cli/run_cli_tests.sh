@@ -284,6 +284,67 @@ else
   check photos-points-out-file 2 "is not a folder" -- "$zeltrim" calibrate --images 'pics/*.jpg' --board 9x6 --points-out blank.pgm
 fi
 
+# calibrate --report: one self-contained HTML page on the bundled sample, naming every view.
+check report-sample 0 "report written to" -- "$zeltrim" calibrate --report r.html
+names_all_views() { for k in 01 02 03 04 05 06 07 08 09 10 11 12 13; do grep -qF "view$k.txt" "$1" || return 1; done; }
+if [ -s r.html ] && [ "$(grep -o '<figure class="view"' r.html | wc -l)" -eq 13 ] &&
+  [ "$(grep -o '<rect class="bar"' r.html | wc -l)" -eq 13 ] && names_all_views r.html &&
+  ! grep -qiE 'http|<script|src=|href=' r.html; then
+  echo "ok   report-names-13-views"; passed=$((passed + 1))
+else echo "FAIL report-names-13-views"; failed=$((failed + 1)); fi
+if command -v xmllint >/dev/null; then
+  check report-well-formed 0 "" -- xmllint --noout r.html
+else echo "skip report-well-formed: no xmllint"; fi
+# Each view is drawn against its own pose: the residual lines, divided by the stated
+# magnification, give back the view's logged errors (to their rounding).
+if command -v python3 >/dev/null; then
+  if python3 - r.html <<'PY'
+import math, re, sys
+page = open(sys.argv[1]).read()
+scale = float(re.search(r"Residuals per view \(&#215; ([0-9.]+)\)", page).group(1))
+figures = re.findall(r'<figure class="view".*?</figure>', page, re.S)
+for fig in figures:
+    path = re.search(r'class="res"[^>]*d="([^"]*)"', fig).group(1)
+    lengths = [math.hypot(float(a), float(b)) / scale for a, b in re.findall(r"l(\S+) ([^M]+)", path)]
+    sd, largest = (float(x) for x in re.search(r"sd ([0-9.]+) px, max ([0-9.]+) px", fig).groups())
+    rms = math.sqrt(sum(x * x for x in lengths) / (len(lengths) - 1))
+    if len(lengths) != 54 or abs(rms - sd) > 0.011 or abs(max(lengths) - largest) > 0.011:
+        sys.exit(1)
+sys.exit(len(figures) != 13)
+PY
+  then echo "ok   report-residuals-per-view"; passed=$((passed + 1))
+  else echo "FAIL report-residuals-per-view"; failed=$((failed + 1)); fi
+else echo "skip report-residuals-per-view: no python3"; fi
+# A report that cannot be written is refused in one line before any work.
+out=$("$zeltrim" calibrate --report nowhere/r.html 2>&1); status=$?
+if [ "$status" -eq 2 ] && [ "$(wc -l <<<"$out")" -eq 1 ] && grep -qF "cannot write the report" <<<"$out" && [ ! -e nowhere ]; then
+  echo "ok   report-bad-path"; passed=$((passed + 1))
+else echo "FAIL report-bad-path: exit $status: $out"; failed=$((failed + 1)); fi
+mkdir -p a-folder
+check report-is-folder 2 "it is a folder" -- "$zeltrim" calibrate --report a-folder
+check report-no-name 2 "--report needs a file name" -- "$zeltrim" calibrate --report
+# From photographs: each view over a thumbnail of its photograph, embedded as a data: URI.
+if "$zeltrim" calibrate --images "$source_dir/data/opencv-images/left0[1-4].jpg" --board 9x6 --report p.html >/dev/null 2>&1; then
+  if [ "$(grep -o 'href="data:image/jpeg;base64,' p.html | wc -l)" -eq 4 ] && grep -qF "left04.jpg" p.html &&
+    ! sed 's/base64,[A-Za-z0-9+\/=]*//g' p.html | grep -qiE 'http|<script|src='; then
+    echo "ok   report-thumbnails"; passed=$((passed + 1))
+  else echo "FAIL report-thumbnails"; failed=$((failed + 1)); fi
+else echo "skip report-thumbnails: zeltrim was built without OpenCV"; fi
+# Rendered by a browser where one is installed: the picture is not blank.
+browser=$(command -v chromium || command -v chromium-browser || command -v google-chrome || true)
+if [ -n "$browser" ]; then
+  timeout 60 "$browser" --headless --no-sandbox --disable-gpu --screenshot="$work/r.png" --window-size=1200,2400 \
+    "file://$work/r.html" >/dev/null 2>&1
+  # The PNG's pixel rows, inflated: a blank page holds a handful of distinct byte values.
+  values=$(python3 -c 'import sys, zlib
+d = open(sys.argv[1], "rb").read(); i, idat = 8, b""
+while i < len(d):
+    n = int.from_bytes(d[i:i + 4], "big"); idat += d[i + 8:i + 8 + n] if d[i + 4:i + 8] == b"IDAT" else b""; i += n + 12
+print(len(set(zlib.decompress(idat))))' "$work/r.png" 2>/dev/null || echo 0)
+  if [ "$values" -gt 16 ]; then echo "ok   report-renders"; passed=$((passed + 1))
+  else echo "FAIL report-renders: blank or no screenshot"; failed=$((failed + 1)); fi
+else echo "skip report-renders: no headless Chromium installed"; fi
+
 # resect, project, unproject: a camera known by hand. K = [100 0 50; 0 100 30; 0 0 1],
 # R a quarter turn about z (camera x = -world Y, camera y = world X), t = (1, 2, 10):
 # K [R | t] = [0 -100 50 600; 100 0 30 500; 0 0 1 10], which is P = [0 -10 5 60;

@@ -14,6 +14,7 @@
 #include <set>
 
 #include "tools/zeltrim/BoardDetection.h"
+#include "tools/zeltrim/CalibrateReport.h"
 #include "tools/zeltrim/Commands.h"
 
 const char* const kCalibrateHelp =
@@ -48,7 +49,10 @@ const char* const kCalibrateHelp =
     "                        view (default); 0 one collection per view (3 views at least)\n"
     "  --save FILE           save the camera: .xml XML, .t... (e.g. .tCAL) folder stream,\n"
     "                        any other extension (e.g. .csv) the camera's text report\n"
-    "  --json                print the results as one JSON object\n";
+    "  --json                print the results as one JSON object\n"
+    "  --report FILE         also write a self-contained HTML report: intrinsics, each view's\n"
+    "                        errors and residuals (over its photograph with --images), the\n"
+    "                        coverage of the image and the radial distortion curve\n";
 
 namespace {
 
@@ -66,6 +70,7 @@ struct CalibrateSettings {
   BoardSettings board;
   double square = 1.0;
   std::string pointsOut;
+  std::string report;  // --report FILE
 };
 
 std::string BaseName(const std::string& path) {
@@ -149,6 +154,11 @@ bool ParseSettings(const CommandContext& context, CalibrateSettings* s, std::str
       photoOptions.push_back(a);
       if (!hasValue) return *error = "--points-out needs a folder", false;
       s->pointsOut = AbsolutePath(args[++i], context.startDir);
+    } else if (a == "--report") {
+      if (!hasValue) return *error = "--report needs a file name", false;
+      s->report = AbsolutePath(args[++i], context.startDir);
+      const std::string problem = ReportPathProblem(s->report);
+      if (!problem.empty()) return *error = "cannot write the report " + s->report + ": " + problem, false;
     } else if (a == "--json") {
       s->json = true;
     } else if (a == "--model") {
@@ -447,5 +457,10 @@ int RunCalibrate(CommandContext& context) {
   if (!s.save.empty() && !s.json) std::printf("\nsaved %s\n", s.save.c_str());
   if (!s.pointsOut.empty() && !s.json)
     std::printf("\npoints of %zu views written to %s\n", views.size(), s.pointsOut.c_str());
+  if (!s.report.empty()) {
+    const CalibrateReportSource from{s.source, s.views, s.images, s.width, s.height, s.mode};
+    if (const int status = WriteCalibrateReport(host, r, model, views, from, s.report)) return status;
+    if (!s.json) std::printf("\nreport written to %s\n", s.report.c_str());
+  }
   return 0;
 }
