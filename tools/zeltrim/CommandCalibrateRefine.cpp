@@ -149,7 +149,7 @@ std::string Json(const refine::RefinementResult& r, const RefineOptions& options
 SmartPtr<ICamera3DTrinsic> RefinedCamera(ModuleHost& host, const CameraCalibration& module,
                                          const refine::RefinementResult& r, const std::vector<Point3>& model,
                                          const std::vector<std::vector<Point3>>& views, int width, int height,
-                                         std::string* error) {
+                                         std::string* note, std::string* error) {
   SmartPtr<IFolderStream> stream = host.CreateHost<IFolderStream>(L"FolderStream");
   SmartPtr<IDataPersist> source = QueryAs<IDataPersist>(module.camera);
   SmartPtr<ICamera3DTrinsic> camera = host.Create<ICamera3DTrinsic>(L"Camera3DTrinsic");
@@ -185,14 +185,16 @@ SmartPtr<ICamera3DTrinsic> RefinedCamera(ModuleHost& host, const CameraCalibrati
   }
   double k1 = 0, k2 = 0;
   refine::ImageRadialTerms(c, width, height, &k1, &k2);
-  // The class's error figures for this camera: the last view's largest distance, the
-  // standard error over all points (N - 1), both with the refined lens.
+  // The class's error figures for this camera as the class projects (through P, without
+  // a lens): the last view's largest distance, the standard error over all points (N - 1).
+  refine::Intrinsics pinhole = c;
+  pinhole.k1 = pinhole.k2 = pinhole.p1 = pinhole.p2 = pinhole.k3 = 0;
   double largest = 0, sum = 0;
   size_t count = 0;
   for (size_t v = 0; v < views.size(); ++v)
     for (size_t i = 0; i < model.size(); ++i) {
       refine::Point2d p;
-      refine::ProjectPoint(c, r.poses[v], model[i].x, model[i].y, &p);
+      refine::ProjectPoint(pinhole, r.poses[v], model[i].x, model[i].y, &p);
       const double d2 = (p.x - views[v][i].x) * (p.x - views[v][i].x) + (p.y - views[v][i].y) * (p.y - views[v][i].y);
       sum += d2;
       ++count;
@@ -213,6 +215,12 @@ SmartPtr<ICamera3DTrinsic> RefinedCamera(ModuleHost& host, const CameraCalibrati
       return *error = std::string("the host cannot write ") + e.key + " to a folder stream", SmartPtr<ICamera3DTrinsic>();
   if (target->Load(stream, 0) < 0)
     return *error = "the module cannot load the refined camera", SmartPtr<ICamera3DTrinsic>();
+  *note = Format(
+      "the saved Camera3DTrinsic holds the refined fx, fy, cx, cy, skew and the pose of the last view; a folder "
+      "stream (.t...) also holds k1, k2 as the nearest terms of the class's own radial model (%.6f, %.6f), the XML "
+      "and text forms do not; p1, p2 and k3 cannot be held; the class applies no lens distortion when it projects, so its "
+      "error figures are those of the refined camera without its lens (%.4f px standard error)",
+      k1, k2, sd);
   return camera;
 }
 
@@ -246,15 +254,8 @@ int RunRefinement(ModuleHost& host, const std::vector<Point3>& model, const std:
   outcome->text = Report(module, result, options, viewNames, model.size());
   outcome->json = Json(result, options);
   if (makeCamera) {
-    outcome->camera = RefinedCamera(host, module, result, model, views, width, height, &error);
+    outcome->camera = RefinedCamera(host, module, result, model, views, width, height, &outcome->saveNote, &error);
     if (!outcome->camera) return Fail("--refine: " + error, 1);
-    double k1 = 0, k2 = 0;
-    refine::ImageRadialTerms(result.camera, width, height, &k1, &k2);
-    outcome->saveNote = Format(
-        "the saved Camera3DTrinsic holds the refined fx, fy, cx, cy, skew and the pose of the last view; a folder "
-        "stream (.t...) also holds k1, k2 as the nearest terms of the class's own radial model (%.6f, %.6f), the XML "
-        "and text forms do not; p1, p2 and k3 cannot be held, and the class applies no lens distortion when it projects",
-        k1, k2);
   }
   return 0;
 }
