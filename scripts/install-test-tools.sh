@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Installs, from Debian's packages, what the tests and benchmarks compare against when it is
 # missing: xmllint (libxml2-utils), the outside judge of the XML stream; the optional
-# libraries Eigen, OpenCV, cminpack and LAPACKE; pkg-config (pkgconf), with which CI builds
+# libraries Eigen, OpenCV, cminpack and LAPACKE; Ceres Solver (calibrate --refine); pkg-config (pkgconf), with which CI builds
 # the example host against an installation; and what the Python extension and its tests
 # need (pybind11, NumPy, pytest, the Python headers; OpenCV's Python module for a benchmark).
 # It needs root and apt-get; otherwise it only says what is missing. It is quiet, prints at
 # most one line, and never fails: without a package the build still configures and the
 # tests that need it skip themselves.
 set -u
-packages="libxml2-utils libeigen3-dev libopencv-dev libcminpack-dev liblapacke-dev pkgconf
+packages="libxml2-utils libeigen3-dev libopencv-dev libcminpack-dev liblapacke-dev libceres-dev pkgconf
   python3-dev python3-pybind11 python3-numpy python3-pytest python3-opencv"
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "ok installed"; }

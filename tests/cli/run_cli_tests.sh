@@ -225,6 +225,49 @@ check calibrate-no-folder 2 "cannot read the folder" -- "$zeltrim" calibrate now
 mkdir -p empty && cp synth/model.txt empty/
 check calibrate-no-views 2 "no viewNN.txt files" -- "$zeltrim" calibrate empty
 
+# calibrate --refine: the joint refinement. A zeltrim built without Ceres Solver says so in
+# one line and the rest is skipped; an unknown lens is refused in one line either way.
+check refine-unknown-lens 2 "--lens needs pinhole, radial2, radial3 or full" -- "$zeltrim" calibrate --refine --lens fisheye
+lines=$("$zeltrim" calibrate --refine --lens fisheye 2>&1 | wc -l)
+if [ "$lines" -eq 1 ]; then echo "ok   refine-unknown-lens-one-line"; passed=$((passed + 1))
+else echo "FAIL refine-unknown-lens-one-line: $lines lines"; failed=$((failed + 1)); fi
+check refine-lens-alone 2 "--lens goes with --refine" -- "$zeltrim" calibrate --lens radial2
+check refine-no-lens-name 2 "--lens needs pinhole" -- "$zeltrim" calibrate --refine --lens
+if "$zeltrim" calibrate --refine 2>&1 | grep -qF "built without Ceres Solver"; then
+  check refine-without-ceres 2 "built without Ceres Solver" -- "$zeltrim" calibrate --refine
+  echo "skip refine: zeltrim was built without Ceres Solver"
+else
+  check refine-sample 0 "CONVERGENCE" -- "$zeltrim" calibrate --refine
+  check refine-sample-views 0 "view13.txt" -- "$zeltrim" calibrate --refine --lens radial3
+  # The exact synthetic camera comes back to rounding, with no lens and no noise left.
+  check refine-exact-fx 0 "fx         800.000000       800.000000" -- "$zeltrim" calibrate synth --refine --lens pinhole
+  check refine-exact-rms 0 "refined RMS 0.000000" -- "$zeltrim" calibrate synth --refine
+  check refine-exact-k1 0 "0.000000*        0.000000" -- "$zeltrim" calibrate synth --refine --lens radial2
+  check refine-skew 0 "skew refined" -- "$zeltrim" calibrate synth --refine --refine-skew
+  refined=$("$zeltrim" calibrate --refine --json | python3 -c '
+import json, sys
+d = json.load(sys.stdin); r = d["refined"]
+keys = ["fx", "fy", "cx", "cy", "skew", "k1", "k2", "p1", "p2", "k3"]
+ok = all(k in r for k in keys + ["rms", "per_view_rms", "stddev"]) and all(k in r["stddev"] for k in keys)
+ok = ok and len(r["per_view_rms"]) == 13 and r["rms"] < d["sd_error"] / 5 and r["stddev"]["skew"] is None
+ok = ok and all(r["stddev"][k] > 0 for k in keys if k != "skew") and r["converged"]
+print("good" if ok else "bad")' 2>&1)
+  if [ "$refined" = good ]; then echo "ok   refine-json"; passed=$((passed + 1))
+  else echo "FAIL refine-json: $refined"; failed=$((failed + 1)); fi
+  # Saved, the refined camera reads back: its intrinsics, and what the class cannot hold said.
+  check refine-save-note 0 "p1, p2 and k3 cannot be held" -- "$zeltrim" calibrate --refine --save refined.tCAL
+  want=$("$zeltrim" calibrate --refine --json | python3 -c 'import json, sys; print("%.4f" % json.load(sys.stdin)["refined"]["fx"])')
+  got=$("$zeltrim" show refined.tCAL | awk '$1 == "fSx" { printf "%.4f", $2 }')
+  if [ -n "$want" ] && [ "$want" = "$got" ]; then echo "ok   refine-saved-fx"; passed=$((passed + 1))
+  else echo "FAIL refine-saved-fx: expected '$want', got '$got'"; failed=$((failed + 1)); fi
+  check refine-save-xml 0 "saved" -- "$zeltrim" calibrate synth --refine --save refined.xml
+  # The saved camera projects model point (4, 2) of the last view where that view has it.
+  got=$("$zeltrim" project refined.xml 4,2,0)
+  if awk -v got="$got" '{ split(got, g, " "); d = (g[1] - $1)^2 + (g[2] - $2)^2; exit !(d < 1e-8) }' <(sed -n 23p synth/view04.txt)
+  then echo "ok   refine-saved-xml-projects"; passed=$((passed + 1))
+  else echo "FAIL refine-saved-xml-projects: '$got' against '$(sed -n 23p synth/view04.txt)'"; failed=$((failed + 1)); fi
+fi
+
 # calibrate --images: corners found in the bundled photographs. A zeltrim built without
 # OpenCV says so in one line and the rest is skipped.
 photos="$source_dir/data/opencv-images"

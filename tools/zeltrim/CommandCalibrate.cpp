@@ -15,6 +15,7 @@
 
 #include "tools/zeltrim/BoardDetection.h"
 #include "tools/zeltrim/CalibrateReport.h"
+#include "tools/zeltrim/CommandCalibrateRefine.h"
 #include "tools/zeltrim/Commands.h"
 
 const char* const kCalibrateHelp =
@@ -52,7 +53,14 @@ const char* const kCalibrateHelp =
     "  --json                print the results as one JSON object\n"
     "  --report FILE         also write a self-contained HTML report: intrinsics, each view's\n"
     "                        errors and residuals (over its photograph with --images), the\n"
-    "                        coverage of the image and the radial distortion curve\n";
+    "                        coverage of the image and the radial distortion curve\n"
+    "  --refine              then refine the intrinsics, a lens model and every view's pose\n"
+    "                        together (needs Ceres Solver) and print the refined values beside\n"
+    "                        the module's, with standard deviations, the RMS error overall and\n"
+    "                        per view and how the solver stopped; --save keeps the refined camera\n"
+    "  --lens MODEL          with --refine: pinhole, radial2 (k1 k2), radial3 (k1 k2 k3) or full\n"
+    "                        (k1 k2 p1 p2 k3, the default)\n"
+    "  --refine-skew         with --refine: refine the skew too (by default it is held at 0)\n";
 
 namespace {
 
@@ -241,7 +249,7 @@ std::string JsonText(const std::string& text) {
   return out + "\"";
 }
 
-void PrintJson(const CalibrateSettings& s, const CameraCalibration& r, size_t points) {
+void PrintJson(const CalibrateSettings& s, const CameraCalibration& r, size_t points, const std::string& more) {
   std::printf("{\"source\": %s, \"image_width\": %d, \"image_height\": %d, \"points_per_view\": %zu,\n",
               JsonText(s.source).c_str(), s.width, s.height, points);
   std::printf(" \"fx\": %s, \"fy\": %s, \"skew\": %s, \"cx\": %s, \"cy\": %s,\n", Number(r.fx).c_str(),
@@ -253,9 +261,9 @@ void PrintJson(const CalibrateSettings& s, const CameraCalibration& r, size_t po
     std::printf("%s{\"view\": %d, \"file\": %s, \"max_error\": %s, \"sd_error\": %s}", i ? ",\n   " : "",
                 r.views[i].view, JsonText(file).c_str(), Number(r.views[i].max).c_str(), Number(r.views[i].sd).c_str());
   }
-  std::printf("],\n \"intrinsic\": %s,\n \"extrinsic\": %s,\n \"combined\": %s}\n",
+  std::printf("],\n \"intrinsic\": %s,\n \"extrinsic\": %s,\n \"combined\": %s%s}\n",
               JsonRows(r.intrinsic, 3, 3, 3).c_str(), JsonRows(r.extrinsic, 4, 4, 4).c_str(),
-              JsonRows(r.combined, 3, 4, 3).c_str());
+              JsonRows(r.combined, 3, 4, 3).c_str(), more.c_str());
 }
 
 void PrintText(const CalibrateSettings& s, const CameraCalibration& r, size_t points) {
@@ -433,7 +441,9 @@ int ReadViews(const CalibrateSettings& s, std::vector<Point3>* model, std::vecto
 int RunCalibrate(CommandContext& context) {
   CalibrateSettings s;
   std::string error;
-  if (!ParseSettings(context, &s, &error)) return Fail(error);
+  RefineOptions refineOptions;
+  if (!TakeRefineOptions(&context.args, &refineOptions, &error) || !ParseSettings(context, &s, &error))
+    return Fail(error);
   if (const int status = CheckSavePath(s.save)) return status;
   std::vector<Point3> model;
   std::vector<std::vector<Point3>> views;
@@ -447,14 +457,23 @@ int RunCalibrate(CommandContext& context) {
   if (!CalibrateCamera(host, model, views, s.width, s.height, s.mode, &r, &failure))
     return Fail(failure.message, failure.status);
   ICamera3DTrinsic* camera = r.camera.get();
+  RefineOutcome refined;
+  if (refineOptions.enabled) {
+    const int status =
+        RunRefinement(host, model, views, s.views, s.width, s.height, r, refineOptions, !s.save.empty(), &refined);
+    if (status) return status;
+    if (refined.camera) camera = refined.camera.get();
+  }
 
   if (!s.save.empty() && host.Archive(camera, s.save, true) < 0)
     return Fail("cannot save " + s.save + ": " + host.Error(), 1);
   if (s.json)
-    PrintJson(s, r, model.size());
+    PrintJson(s, r, model.size(), refined.json);
   else
     PrintText(s, r, model.size());
+  if (!s.json) std::printf("%s", refined.text.c_str());
   if (!s.save.empty() && !s.json) std::printf("\nsaved %s\n", s.save.c_str());
+  if (!refined.saveNote.empty() && !s.json) std::printf("  %s\n", refined.saveNote.c_str());
   if (!s.pointsOut.empty() && !s.json)
     std::printf("\npoints of %zu views written to %s\n", views.size(), s.pointsOut.c_str());
   if (!s.report.empty()) {
