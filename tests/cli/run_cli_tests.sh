@@ -266,6 +266,11 @@ print("good" if ok else "bad")' 2>&1)
   if awk -v got="$got" '{ split(got, g, " "); d = (g[1] - $1)^2 + (g[2] - $2)^2; exit !(d < 1e-8) }' <(sed -n 23p synth/view04.txt)
   then echo "ok   refine-saved-xml-projects"; passed=$((passed + 1))
   else echo "FAIL refine-saved-xml-projects: '$got' against '$(sed -n 23p synth/view04.txt)'"; failed=$((failed + 1)); fi
+  # With --report the refined values and their lens curve stand beside the module's.
+  check refine-report 0 "report written" -- "$zeltrim" calibrate --refine --lens radial3 --report refined.html
+  if grep -qF "refined (radial3)" refined.html && [ "$(grep -o 'refined (radial3)' refined.html | wc -l)" -ge 2 ]
+  then echo "ok   refine-report-column-and-curve"; passed=$((passed + 1))
+  else echo "FAIL refine-report-column-and-curve"; failed=$((failed + 1)); fi
 fi
 
 # calibrate --images: corners found in the bundled photographs. A zeltrim built without

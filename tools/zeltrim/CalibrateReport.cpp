@@ -94,11 +94,14 @@ bool GatherCalibrateReport(ModuleHost& host, const CameraCalibration& r, const s
 
 int WriteCalibrateReport(ModuleHost& host, const CameraCalibration& calibration, const std::vector<Point3>& model,
                          const std::vector<std::vector<Point3>>& views, const CalibrateReportSource& source,
-                         const std::string& path) {
+                         const std::string& path, const ReportColumn* refinedColumn,
+                         const RadialModel* refinedCurve) {
   CalibrationReportData data;
   TaskError failure;
   if (!GatherCalibrateReport(host, calibration, model, views, source, &data, &failure))
     return Fail(failure.message, failure.status);
+  if (refinedColumn) data.columns.push_back(*refinedColumn);
+  if (refinedCurve) data.distortion.push_back(*refinedCurve);
   std::string error;
   if (!WriteCalibrationReport(data, path, &error)) return Fail(error);
   return 0;

@@ -22,8 +22,9 @@ bool GatherCalibrateReport(ModuleHost& host, const CameraCalibration& calibratio
                            const std::vector<std::vector<Point3>>& views, const CalibrateReportSource& source,
                            CalibrationReportData* data, TaskError* error);
 
-// Gathers and writes the report to `path`. Returns 0, or the exit status after the
-// one-line error.
+// Gathers and writes the report to `path`; a refinement's column and curve, when given,
+// stand beside the module's. Returns 0, or the exit status after the one-line error.
 int WriteCalibrateReport(ModuleHost& host, const CameraCalibration& calibration, const std::vector<Point3>& model,
                          const std::vector<std::vector<Point3>>& views, const CalibrateReportSource& source,
-                         const std::string& path);
+                         const std::string& path, const ReportColumn* refinedColumn = nullptr,
+                         const RadialModel* refinedCurve = nullptr);

@@ -478,7 +478,11 @@ int RunCalibrate(CommandContext& context) {
     std::printf("\npoints of %zu views written to %s\n", views.size(), s.pointsOut.c_str());
   if (!s.report.empty()) {
     const CalibrateReportSource from{s.source, s.views, s.images, s.width, s.height, s.mode};
-    if (const int status = WriteCalibrateReport(host, r, model, views, from, s.report)) return status;
+    const bool withRefined = refined.refined;
+    if (const int status = WriteCalibrateReport(host, r, model, views, from, s.report,
+                                                withRefined ? &refined.reportColumn : nullptr,
+                                                withRefined ? &refined.reportCurve : nullptr))
+      return status;
     if (!s.json) std::printf("\nreport written to %s\n", s.report.c_str());
   }
   return 0;

@@ -253,6 +253,17 @@ int RunRefinement(ModuleHost& host, const std::vector<Point3>& model, const std:
   if (!refine::RefineCamera(input, &result, &error)) return Fail("--refine: " + error, 1);
   outcome->text = Report(module, result, options, viewNames, model.size());
   outcome->json = Json(result, options);
+  // For the report: a held term has no deviation (NaN), and its value stays in the table.
+  const refine::Intrinsics& c = result.camera;
+  const refine::Intrinsics& sd = result.stddev;
+  outcome->refined = true;
+  outcome->reportColumn = {"refined (" + options.lens + ")",
+                           {{"fx", c.fx, sd.fx, "px"}, {"fy", c.fy, sd.fy, "px"}, {"skew", c.skew, sd.skew, "px"},
+                            {"cx", c.cx, sd.cx, "px"}, {"cy", c.cy, sd.cy, "px"}, {"k1", c.k1, sd.k1, ""},
+                            {"k2", c.k2, sd.k2, ""}, {"p1", c.p1, sd.p1, ""}, {"p2", c.p2, sd.p2, ""},
+                            {"k3", c.k3, sd.k3, ""}, {"rms", result.rms, NAN, "px"}}};
+  // The refined radial terms act on coordinates divided by the focal lengths.
+  outcome->reportCurve = {"refined (" + options.lens + ")", {c.k1, c.k2, c.k3}, c.cx, c.cy, c.fx, c.fy};
   if (makeCamera) {
     outcome->camera = RefinedCamera(host, module, result, model, views, width, height, &outcome->saveNote, &error);
     if (!outcome->camera) return Fail("--refine: " + error, 1);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/client/ModuleHost.h"
+#include "tools/zeltrim/CalibrationReport.h"
 #include "tools/zeltrim/PointText.h"
 #include "tools/zeltrim/Tasks.h"
 
@@ -25,6 +26,9 @@ struct RefineOutcome {
   std::string json;                  // ",\n \"refined\": {...}" for the JSON object
   SmartPtr<ICamera3DTrinsic> camera;  // the refined camera, made when `makeCamera`
   std::string saveNote;              // what the saved camera holds and what it cannot
+  bool refined = false;              // the two below are filled
+  ReportColumn reportColumn;         // the refined values with their deviations, for --report
+  RadialModel reportCurve;           // the refined radial terms, for --report
 };
 
 // Refines the module's calibration `module` of these views. Returns 0, or the exit status
