@@ -8,7 +8,9 @@ root=$(cd "$(dirname "$0")/../.." && pwd)
 fuzz=$(cd "${1:-$root/build-fuzz}" && pwd)
 plain=$(cd "${2:-$root/build}" && pwd)
 out="$root/tests/fuzz/corpus"
-rm -rf "$out"
+# Minimised inputs from fuzz campaigns (min-*) stay.
+mkdir -p "$out"
+find "$out" -type f ! -name 'min-*' -delete
 "$fuzz/fuzz_make_seeds" "$out"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
