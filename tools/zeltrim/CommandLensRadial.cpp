@@ -78,37 +78,7 @@ bool ReadLineSets(const std::string& path, std::vector<std::vector<Point3>>* set
   if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) return *error = path + " is not a file", false;
   std::ifstream in(path);
   if (!in) return *error = "cannot read " + path, false;
-  std::string text;
-  std::vector<Point3> set;
-  size_t lineNumber = 0, setStart = 0;
-  const auto close = [&]() {
-    if (set.empty()) return true;
-    if (set.size() < kFewestPerSet)
-      return *error = path + ", line " + std::to_string(setStart) + ": a set of " + std::to_string(set.size()) +
-                      " point" + (set.size() == 1 ? "" : "s") + "; a straight line needs 3 or more to show a bend",
-             false;
-    sets->push_back(set);
-    set.clear();
-    return true;
-  };
-  while (std::getline(in, text)) {
-    ++lineNumber;
-    const size_t first = text.find_first_not_of(" \t\r");
-    if (first == std::string::npos) {
-      if (!close()) return false;
-      continue;
-    }
-    if (text[first] == '#') continue;
-    Point3 p;
-    std::string why;
-    if (!ParsePoint(text, &p, &why, 2)) return *error = path + ", line " + std::to_string(lineNumber) + ": " + why, false;
-    if (set.empty()) setStart = lineNumber;
-    set.push_back(p);
-  }
-  if (in.bad()) return *error = "cannot read " + path, false;
-  if (!close()) return false;
-  if (sets->empty()) return *error = path + " holds no point sets", false;
-  return true;
+  return ReadPointSets(in, path, kFewestPerSet, sets, error);
 }
 
 void PrintResiduals(const char* when, ICalibrationDistortionRadial* model) {

@@ -90,6 +90,41 @@ bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* erro
   return true;
 }
 
+bool ReadPointSets(std::istream& in, const std::string& name, size_t fewest, std::vector<std::vector<Point3>>* sets,
+                   std::string* error) {
+  std::string text;
+  std::vector<Point3> set;
+  size_t lineNumber = 0, setStart = 0;
+  const auto close = [&]() {
+    if (set.empty()) return true;
+    if (set.size() < fewest)
+      return *error = name + ", line " + std::to_string(setStart) + ": a set of " + std::to_string(set.size()) +
+                      " point" + (set.size() == 1 ? "" : "s") + "; a straight line needs 3 or more to show a bend",
+             false;
+    sets->push_back(set);
+    set.clear();
+    return true;
+  };
+  while (std::getline(in, text)) {
+    ++lineNumber;
+    const size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos) {
+      if (!close()) return false;
+      continue;
+    }
+    if (text[first] == '#') continue;
+    Point3 p;
+    std::string why;
+    if (!ParsePoint(text, &p, &why, 2)) return *error = name + ", line " + std::to_string(lineNumber) + ": " + why, false;
+    if (set.empty()) setStart = lineNumber;
+    set.push_back(p);
+  }
+  if (in.bad()) return *error = "cannot read " + name, false;
+  if (!close()) return false;
+  if (sets->empty()) return *error = name + " holds no point sets", false;
+  return true;
+}
+
 bool ParseNumberList(const std::string& text, std::vector<double>* values) { return Numbers(text, values); }
 
 bool ParseNumbers(const std::string& text, int count, double* values) {

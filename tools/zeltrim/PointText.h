@@ -21,6 +21,12 @@ bool ParsePoints(const std::vector<std::string>& texts, std::vector<Point3>* poi
 // `numbers` as for ParsePoint.
 bool ReadPoints(std::istream& in, std::vector<Point3>* points, std::string* error, int numbers = 0);
 
+// Reads sets of x y points from a stream: a blank line ends a set, '#' lines are skipped.
+// False with *error set ("NAME, line N: ...", "cannot read NAME", "NAME holds no point
+// sets") on a bad line, a set of fewer than `fewest` points, a read error or no set at all.
+bool ReadPointSets(std::istream& in, const std::string& name, size_t fewest, std::vector<std::vector<Point3>>* sets,
+                   std::string* error);
+
 // Every number of a line, blanks or commas between them; false on a field that is no number.
 bool ParseNumberList(const std::string& text, std::vector<double>* values);
 
